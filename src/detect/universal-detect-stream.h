@@ -1,0 +1,216 @@
+// UniversalDetectStream: the hotword detector stage.
+//
+// The last stage of a chain of StreamItf stages (audio source, feature front
+// end, detector). Each Read pulls a block of feature frames from the upstream
+// stage, runs every loaded model's network over them, smooths the per-frame
+// posteriors, appends them to per-column sliding windows and, after every
+// `slide_step` frames, scores every hotword with its search method. A score
+// that passes the hotword's sensitivity is a detection, returned as a 1 x 1
+// matrix holding the hotword's number (1-based over all models, in load order).
+//
+// Models come from universal model files (".kmodel"), binary or text, named
+// in `model_str` and joined by global_kestrel_string_delimiter. Each file holds
+// the settings of one or more hotwords followed by one network.
+//
+// Ownership: the stage owns its networks, windows and all per-model state; it
+// borrows the upstream stage. Threads: none of its own; one thread at a time
+// may use a stage, and the setters must not overlap with Read. Errors (bad
+// options, unreadable model files, unknown search methods) are KestrelError
+// exceptions; a constructor that throws leaves nothing behind.
+#ifndef KESTREL_DETECT_UNIVERSAL_DETECT_STREAM_H_
+#define KESTREL_DETECT_UNIVERSAL_DETECT_STREAM_H_
+
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "nnet/frame-info.h"
+#include "nnet/nnet.h"
+#include "stream/stream-itf.h"
+#include "utils/kestrel-matrix.h"
+#include "utils/kestrel-types.h"
+
+namespace kestrel {
+
+// Options of the detector stage; copied whole at construction. The defaults
+// suit 10 ms feature frames and a model file that carries its own
+// sensitivities and window lengths.
+struct UniversalDetectStreamOptions {
+  // Network-output frames consumed per search step; must be positive. Larger
+  // steps cost less (searches run once per step) and add latency.
+  int32 slide_step = 1;
+  // Frames a state must be held by the Viterbi searches before it may be left.
+  int32 min_state_frames = 5;
+  // Alternative ways of cutting a hotword into pieces (piecewise search).
+  int32 num_piece_layouts = 3;
+  // A new detection must lie more than this many frames from the last one;
+  // also the largest gap between consecutive pieces (piecewise search).
+  int32 refractory_frames = 100;
+  // Sensitivities, one for all hotwords, one per model or one per hotword.
+  // Empty: keep the models' own values.
+  std::string sensitivity_str;
+  // High sensitivities (used after a near miss). Empty: same as
+  // sensitivity_str, which disables the near-miss mode.
+  std::string high_sensitivity_str;
+  // Model files, joined by global_kestrel_string_delimiter. Required
+  // (command-line form: --model-str).
+  std::string model_str;
+  // Smoothing window lengths, one per model. Empty: the models' own values.
+  std::string smooth_window_str;
+  // Sliding window lengths, one per model. Empty: the models' own values.
+  std::string slide_window_str;
+  // Naive search only: skip its floor and order tests.
+  bool no_order_check = false;
+};
+
+class UniversalDetectStream : public StreamItf {
+ public:
+  // One piece of a hotword for the piecewise search: the units
+  // [first_unit, end_unit) of its keyword, searched over the span_frames
+  // frames before the current one.
+  struct PieceInfo {
+    int32 span_frames = 0;
+    int32 first_unit = 0;
+    int32 end_unit = 0;
+  };
+
+  // Checks the options, loads every model of options.model_str and applies
+  // the option strings. Throws KestrelError on bad options or model files.
+  explicit UniversalDetectStream(const UniversalDetectStreamOptions& options);
+  ~UniversalDetectStream() override;
+
+  // Pulls one block from upstream and processes it (see the class comment).
+  // `data` becomes 0 x 0, or 1 x 1 holding the detected hotword's number;
+  // `frame_info` (may be null) then holds the record of the first frame of the
+  // detecting step. Returns the upstream signal word unchanged. The stage must
+  // be connected.
+  int Read(Matrix* data, std::vector<FrameInfo>* frame_info) override;
+
+  // Resets every network's held-back context and the detection state.
+  bool Reset() override;
+
+  // "UniversalDetectStream".
+  std::string Name() const override;
+
+  // Writes the loaded models back over the files of the model string, binary.
+  void UpdateModel() const;
+
+  // Writes model m to the m-th file named in `model_str`, in the given mode.
+  // The string must name exactly as many files as there are loaded models
+  // (an error otherwise, before any file is written).
+  void WriteHotwordModel(bool binary, const std::string& model_str) const;
+
+  // Settings; each takes a list joined by global_kestrel_string_delimiter and
+  // applies from the next frame processed.
+  // One value (every hotword), one per model, or one per hotword.
+  void SetSensitivity(const std::string& sensitivity_str);
+  void SetHighSensitivity(const std::string& high_sensitivity_str);
+  // The current sensitivities, ", "-separated, model by model.
+  std::string GetSensitivity() const;
+  // Hotwords of model `model_id`; a warning and 0 when out of range.
+  int NumHotwords(int model_id) const;
+  // One value per model. Shorter windows take full effect after a reset.
+  void SetSmoothWindowSize(const std::string& smooth_window_str);
+  void SetSlideWindowSize(const std::string& slide_window_str);
+
+  // Read-only views for tools (model inspection and conversion).
+  int NumModels() const { return static_cast<int>(nnets_.size()); }
+  const Nnet& GetNnet(int model_id) const { return nnets_[model_id]; }
+  const std::vector<int32>& Keyword(int model_id, int hotword) const {
+    return keywords_[model_id][hotword];
+  }
+  int32 HotwordId(int model_id, int hotword) const { return hotword_ids_[model_id][hotword]; }
+  int32 SearchMethod(int model_id, int hotword) const {
+    return search_method_[model_id][hotword];
+  }
+  float Sensitivity(int model_id, int hotword) const {
+    return sensitivities_[model_id][hotword];
+  }
+  float HighSensitivity(int model_id, int hotword) const {
+    return high_sensitivities_[model_id][hotword];
+  }
+  int32 SmoothWindow(int model_id) const { return smooth_window_[model_id]; }
+  int32 SlideWindow(int model_id) const { return slide_window_[model_id]; }
+  const std::vector<std::vector<PieceInfo>>& PieceLayouts(int model_id, int hotword) const {
+    return piece_infos_[model_id][hotword];
+  }
+  int32 NumPieceLayouts(int model_id, int hotword) const {
+    return num_piece_layouts_[model_id][hotword];
+  }
+
+  // The frame-processing steps, public so that tools and tests can drive the
+  // windows and searches directly. Read calls them in this order.
+  // Replaces each value by its moving average over smooth_window_[m] frames.
+  void SmoothPosterior(int model_id, Matrix* posteriors);
+  // Appends the rows of one step to model m's sliding windows.
+  void PushSlideWindow(int model_id, const MatrixBase& rows);
+  // The score of hotword k of model m on the current windows, by its search
+  // method. `frame_id` is the id of the newest frame (used by code 5 only).
+  float GetHotwordPosterior(int32 model_id, int32 hotword_id, int32 frame_id);
+  // Empties smoothing, windows and reduplication state of every model.
+  bool ResetDetection();
+
+  // The searches (search-method codes in brackets).
+  float HotwordNaiveSearch(int32 model_id, int32 hotword_id) const;  // 1
+  float HotwordDtwSearch(int32 model_id, int32 hotword_id) const;    // 2
+  float HotwordViterbiSearch(int32 model_id, int32 hotword_id) const;  // 3
+  // The Viterbi search over the piece's units and the frames
+  // [max(0, end_frame - span_frames), end_frame) of the window.
+  float HotwordViterbiSearch(int32 model_id, int32 hotword_id, int32 end_frame,
+                             const PieceInfo& piece) const;
+  float HotwordPiecewiseSearch(int32 model_id, int32 hotword_id) const;  // 4
+  float HotwordViterbiSearchReduplication(int32 model_id, int32 hotword_id,
+                                          int32 frame_id);  // 5
+  float HotwordViterbiSearchSoftFloor(int32 model_id, int32 hotword_id) const;  // 6
+  float HotwordViterbiSearchTraceback(int32 model_id, int32 hotword_id) const;  // 7
+  float HotwordViterbiSearchTracebackLog(int32 model_id, int32 hotword_id) const;  // 8
+
+ private:
+  // Loads every model named in `model_str`; called once, by the constructor.
+  void ReadHotwordModel(const std::string& model_str);
+  // Derives the piece layouts of every hotword of model m.
+  void BuildPieceLayouts(int model_id);
+  // Applies a sensitivity list to `target` (shared by the two setters).
+  void SetSensitivityList(const std::string& str,
+                          std::vector<std::vector<float>>* target);
+
+  UniversalDetectStreamOptions options_;
+  // Frame id of the last detection; starts at -refractory_frames so that the
+  // first detection passes the refractory test.
+  int32 last_detection_frame_;
+  int32 last_detection_frame_copy_;  // kept equal to last_detection_frame_
+  // Decision state (see Read): the high-sensitivity mode, entered 50 frames
+  // after a near miss, and left 3000 frames after its last candidate.
+  bool high_sensitivity_mode_;
+  int32 high_sensitivity_frame_;
+  bool near_miss_pending_;
+  int32 near_miss_frame_;
+  // [m]: per model; [m][k]: per hotword; [m][c]: per network output column.
+  std::vector<Nnet> nnets_;
+  std::vector<std::vector<std::vector<int32>>> keywords_;
+  std::vector<std::vector<float>> sensitivities_;
+  std::vector<std::vector<float>> high_sensitivities_;
+  std::vector<std::vector<int32>> hotword_ids_;
+  std::vector<std::vector<int32>> search_method_;
+  std::vector<std::vector<int32>> search_neighbour_;
+  std::vector<std::vector<int32>> duration_pass_;
+  std::vector<std::vector<int32>> floor_pass_;
+  std::vector<std::vector<std::vector<int32>>> search_mask_;
+  std::vector<std::vector<std::vector<float>>> search_floor_;
+  std::vector<std::vector<bool>> search_max_;
+  std::vector<std::vector<int32>> num_piece_layouts_;
+  std::vector<std::vector<int32>> num_pieces_;
+  std::vector<std::vector<std::vector<std::vector<PieceInfo>>>> piece_infos_;
+  std::vector<int32> smooth_window_;
+  std::vector<int32> slide_window_;
+  std::vector<std::vector<std::deque<float>>> smooth_buffers_;
+  std::vector<std::vector<std::deque<float>>> posterior_windows_;
+  std::vector<std::vector<float>> smooth_sums_;
+  std::vector<std::vector<bool>> redup_pending_;
+  std::vector<std::vector<int32>> redup_frame_;
+  std::vector<std::vector<float>> redup_score_;
+};
+
+}  // namespace kestrel
+
+#endif  // KESTREL_DETECT_UNIVERSAL_DETECT_STREAM_H_
