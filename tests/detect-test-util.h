@@ -1,0 +1,209 @@
+// Test helpers for the detector stage: tiny universal model files written on
+// the fly, and an upstream stage that plays back scripted blocks.
+//
+// The default network of a test model is one identity affine layer, so the
+// detector's posteriors are exactly the feature values a test feeds in.
+#ifndef KESTREL_TESTS_DETECT_TEST_UTIL_H_
+#define KESTREL_TESTS_DETECT_TEST_UTIL_H_
+
+#include <atomic>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "detect/universal-detect-stream.h"
+#include "stream/stream-itf.h"
+#include "utils/kestrel-globals.h"
+#include "utils/kestrel-matrix.h"
+
+namespace kestrel {
+
+// The optional groups of a hotword record; a group left unset is not written,
+// so the reader's defaults apply.
+struct TestSearchGroup {
+  int32 method = 1;
+  int32 neighbour = 0;
+  std::vector<int32> mask;
+  std::vector<float> floor;
+};
+
+struct TestHotword {
+  std::vector<int32> keyword;
+  float sensitivity = 0.5f;
+  std::optional<TestSearchGroup> search;
+  std::optional<bool> search_max;
+  std::optional<int32> num_pieces;
+  std::optional<std::pair<int32, int32>> passes;  // duration pass, floor pass
+};
+
+struct TestModel {
+  int32 smooth_window = 1;
+  int32 slide_window = 100;
+  std::vector<TestHotword> hotwords;
+  int num_outputs = 3;    // size of the identity network
+  std::string nnet_text;  // replaces the identity network when not empty
+};
+
+// "<Nnet> <AffineTransform> dim dim" with identity weights and zero bias.
+inline std::string IdentityNnetText(int dim) {
+  std::ostringstream os;
+  os << "<Nnet>\n<AffineTransform> " << dim << " " << dim << "\n [\n";
+  for (int r = 0; r < dim; ++r) {
+    os << " ";
+    for (int c = 0; c < dim; ++c) os << " " << (r == c ? 1 : 0);
+    os << (r + 1 == dim ? " ]\n" : "\n");
+  }
+  os << " [";
+  for (int c = 0; c < dim; ++c) os << " 0";
+  os << " ]\n</Nnet>\n";
+  return os.str();
+}
+
+// The text form of a universal model file.
+inline std::string TestModelText(const TestModel& model) {
+  std::ostringstream os;
+  auto ints = [&os](const std::vector<int32>& v) {
+    os << "[ ";
+    for (int32 x : v) os << x << " ";
+    os << "]\n";
+  };
+  os << "<UniversalModel> <KwInfo>\n<SmoothWindow> " << model.smooth_window
+     << " <SlideWindow> " << model.slide_window << " <NumKws> "
+     << model.hotwords.size() << "\n";
+  for (const TestHotword& hw : model.hotwords) {
+    os << "<Kw> ";
+    ints(hw.keyword);
+    os << "<Sensitivity> " << hw.sensitivity << "\n";
+    if (hw.search) {
+      os << "<SearchMethod> " << hw.search->method << " <SearchNeighbour> "
+         << hw.search->neighbour << " <SearchMask> ";
+      ints(hw.search->mask);
+      os << "<SearchFloor> [ ";
+      for (float f : hw.search->floor) os << f << " ";
+      os << "]\n";
+    }
+    if (hw.search_max) os << "<SearchMax> " << (*hw.search_max ? "T" : "F") << "\n";
+    if (hw.num_pieces) os << "<NumPieces> " << *hw.num_pieces << "\n";
+    if (hw.passes) {
+      os << "<DurationPass> " << hw.passes->first << " <FloorPass> "
+         << hw.passes->second << "\n";
+    }
+  }
+  os << "</KwInfo>\n"
+     << (model.nnet_text.empty() ? IdentityNnetText(model.num_outputs) : model.nnet_text);
+  return os.str();
+}
+
+// A fresh directory under the system's temporary directory, removed with
+// everything in it when the object ends.
+class TestDir {
+ public:
+  TestDir() {
+    static std::atomic<int> counter{0};
+    std::ostringstream name;
+    name << "kestrel-test-" << std::random_device{}() << "-" << counter++;
+    path_ = std::filesystem::temp_directory_path() / name.str();
+    std::filesystem::create_directories(path_);
+  }
+  ~TestDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TestDir(const TestDir&) = delete;
+  TestDir& operator=(const TestDir&) = delete;
+
+  std::string Path(const std::string& name) const { return (path_ / name).string(); }
+
+  // Writes `contents` to the file `name` and returns its path.
+  std::string WriteFile(const std::string& name, const std::string& contents) const {
+    std::ofstream os(Path(name), std::ios::binary);
+    os << contents;
+    return Path(name);
+  }
+  std::string WriteModel(const std::string& name, const TestModel& model) const {
+    return WriteFile(name, TestModelText(model));
+  }
+
+ private:
+  std::filesystem::path path_;
+};
+
+inline std::string ReadFileBytes(const std::string& path) {
+  std::ifstream is(path, std::ios::binary);
+  std::ostringstream os;
+  os << is.rdbuf();
+  return os.str();
+}
+
+// Paths joined by the global delimiter, as a model string.
+inline std::string JoinModelPaths(const std::vector<std::string>& paths) {
+  std::string joined;
+  for (size_t i = 0; i < paths.size(); ++i) {
+    if (i > 0) joined += global_kestrel_string_delimiter;
+    joined += paths[i];
+  }
+  return joined;
+}
+
+inline Matrix MatrixFromRows(const std::vector<std::vector<float>>& rows) {
+  Matrix m(static_cast<int>(rows.size()), rows.empty() ? 0 : static_cast<int>(rows[0].size()));
+  for (size_t r = 0; r < rows.size(); ++r) {
+    for (size_t c = 0; c < rows[r].size(); ++c) m(static_cast<int>(r), static_cast<int>(c)) = rows[r][c];
+  }
+  return m;
+}
+
+// An upstream stage that returns queued blocks in order, one per Read, and
+// kSignalEnd with no data once the queue is empty. Frame ids run on from
+// call to call unless a test sets the next one.
+class ScriptedStream : public StreamItf {
+ public:
+  // Queues `rows` (one feature row per frame) to be returned with `signal`.
+  void Push(const std::vector<std::vector<float>>& rows, int signal = 0) {
+    Block block{MatrixFromRows(rows), {}, signal};
+    for (size_t i = 0; i < rows.size(); ++i) block.info.push_back(FrameInfo{next_frame_id_++});
+    blocks_.push_back(std::move(block));
+  }
+  // Queues `num_rows` copies of `row`.
+  void PushRepeated(const std::vector<float>& row, int num_rows, int signal = 0) {
+    Push(std::vector<std::vector<float>>(num_rows, row), signal);
+  }
+  void SetNextFrameId(int32 id) { next_frame_id_ = id; }
+
+  int Read(Matrix* data, std::vector<FrameInfo>* frame_info) override {
+    ++num_reads;
+    if (blocks_.empty()) {
+      data->Resize(0, 0);
+      if (frame_info != nullptr) frame_info->clear();
+      return kSignalEnd;
+    }
+    Block block = std::move(blocks_.front());
+    blocks_.pop_front();
+    *data = std::move(block.data);
+    if (frame_info != nullptr) *frame_info = std::move(block.info);
+    return block.signal;
+  }
+  bool Reset() override { return true; }
+  std::string Name() const override { return "ScriptedStream"; }
+
+  int num_reads = 0;
+
+ private:
+  struct Block {
+    Matrix data;
+    std::vector<FrameInfo> info;
+    int signal;
+  };
+  std::deque<Block> blocks_;
+  int32 next_frame_id_ = 0;
+};
+
+}  // namespace kestrel
+
+#endif  // KESTREL_TESTS_DETECT_TEST_UTIL_H_
