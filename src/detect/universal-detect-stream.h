@@ -153,16 +153,32 @@ class UniversalDetectStream : public StreamItf {
   // The searches (search-method codes in brackets).
   float HotwordNaiveSearch(int32 model_id, int32 hotword_id) const;  // 1
   float HotwordDtwSearch(int32 model_id, int32 hotword_id) const;    // 2
+  // The Viterbi-family searches (universal-detect-stream-search.cc) score the
+  // last `span` frames of the window, span being the last search-mask entry,
+  // and divide by the span even while the window is shorter. A hotword with
+  // no units scores 0 in all of them.
   float HotwordViterbiSearch(int32 model_id, int32 hotword_id) const;  // 3
   // The Viterbi search over the piece's units and the frames
-  // [max(0, end_frame - span_frames), end_frame) of the window.
+  // [max(0, end_frame - span_frames), end_frame) of the window (frames past
+  // the window's end do not exist and are not searched). A piece that does
+  // not lie inside the keyword, including one whose end_unit is not above
+  // its first_unit (the piece layouts can hold such a last piece), is never
+  // found: it scores 0.
   float HotwordViterbiSearch(int32 model_id, int32 hotword_id, int32 end_frame,
                              const PieceInfo& piece) const;
+  // 1 when more than half of the hotword's piece layouts are completed, else
+  // 0. A layout that is empty or holds a piece that is never found (above)
+  // cannot complete; a hotword without layouts scores 0.
   float HotwordPiecewiseSearch(int32 model_id, int32 hotword_id) const;  // 4
   float HotwordViterbiSearchReduplication(int32 model_id, int32 hotword_id,
                                           int32 frame_id);  // 5
   float HotwordViterbiSearchSoftFloor(int32 model_id, int32 hotword_id) const;  // 6
   float HotwordViterbiSearchTraceback(int32 model_id, int32 hotword_id) const;  // 7
+  // The log-domain traceback search. Once its traceback reaches the first
+  // sub-state, every earlier frame belongs to the first state (frame count,
+  // sum and peak), so the first state is tested once, after the last frame.
+  // It needs min_state_frames >= 1: with 0 or less there is nothing to align
+  // and it scores 0; so does a window with no searched frames.
   float HotwordViterbiSearchTracebackLog(int32 model_id, int32 hotword_id) const;  // 8
 
  private:
@@ -209,6 +225,15 @@ class UniversalDetectStream : public StreamItf {
   std::vector<std::vector<bool>> redup_pending_;
   std::vector<std::vector<int32>> redup_frame_;
   std::vector<std::vector<float>> redup_score_;
+
+  // Working memory of the Viterbi-family searches, kept only so that a search
+  // step stops allocating once these have grown; no call reads what an
+  // earlier one left. Posteriors of the searched states, frame by frame:
+  mutable std::vector<float> search_frames_;
+  // Per-state scores, peaks, counts and flags, carved up by each search:
+  mutable std::vector<float> search_floats_;
+  mutable std::vector<int32> search_ints_;
+  mutable std::vector<uint8_t> search_flags_;
 };
 
 }  // namespace kestrel
