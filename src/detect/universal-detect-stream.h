@@ -76,6 +76,15 @@ class UniversalDetectStream : public StreamItf {
 
   // Checks the options, loads every model of options.model_str and applies
   // the option strings. Throws KestrelError on bad options or model files.
+  //
+  // Besides the token grammar, loading refuses files that would make a later
+  // Read index outside its buffers, each with an error naming the file:
+  // a negative <NumKws>; a network without outputs or with more than 65536;
+  // a <Kw> unit that is not a network output; a <SearchFloor> with fewer
+  // values than the keyword has units (a longer one is cut to the keyword);
+  // and, for search methods 2 to 8, an empty keyword or a <SearchMask> with
+  // fewer than units + 1 entries. A model may hold no hotwords; it is loaded,
+  // run and written like any other, and has no piece layouts.
   explicit UniversalDetectStream(const UniversalDetectStreamOptions& options);
   ~UniversalDetectStream() override;
 
@@ -83,7 +92,8 @@ class UniversalDetectStream : public StreamItf {
   // `data` becomes 0 x 0, or 1 x 1 holding the detected hotword's number;
   // `frame_info` (may be null) then holds the record of the first frame of the
   // detecting step. Returns the upstream signal word unchanged. The stage must
-  // be connected.
+  // be connected, and the window setters must have left one length per model
+  // (an error otherwise, before any network runs).
   int Read(Matrix* data, std::vector<FrameInfo>* frame_info) override;
 
   // Resets every network's held-back context and the detection state.
@@ -95,14 +105,16 @@ class UniversalDetectStream : public StreamItf {
   // Writes the loaded models back over the files of the model string, binary.
   void UpdateModel() const;
 
-  // Writes model m to the m-th file named in `model_str`, in the given mode.
-  // The string must name exactly as many files as there are loaded models
-  // (an error otherwise, before any file is written).
+  // Writes model m to the m-th file named in `model_str`, in the given mode,
+  // with every optional group of each hotword record. A string that names no
+  // file writes nothing; otherwise it must name exactly as many files as there
+  // are loaded models (an error otherwise, before any file is written).
   void WriteHotwordModel(bool binary, const std::string& model_str) const;
 
   // Settings; each takes a list joined by global_kestrel_string_delimiter and
   // applies from the next frame processed.
-  // One value (every hotword), one per model, or one per hotword.
+  // One value (every hotword), one per model, or one per hotword (counted
+  // over all models); any other count is an error that changes nothing.
   void SetSensitivity(const std::string& sensitivity_str);
   void SetHighSensitivity(const std::string& high_sensitivity_str);
   // The current sensitivities, ", "-separated, model by model.
@@ -110,6 +122,7 @@ class UniversalDetectStream : public StreamItf {
   // Hotwords of model `model_id`; a warning and 0 when out of range.
   int NumHotwords(int model_id) const;
   // One value per model. Shorter windows take full effect after a reset.
+  // The list is taken as given; Read refuses to run while it is short.
   void SetSmoothWindowSize(const std::string& smooth_window_str);
   void SetSlideWindowSize(const std::string& slide_window_str);
 
@@ -150,7 +163,8 @@ class UniversalDetectStream : public StreamItf {
   // Empties smoothing, windows and reduplication state of every model.
   bool ResetDetection();
 
-  // The searches (search-method codes in brackets).
+  // The searches (search-method codes in brackets). The naive search scores
+  // 0 while a column it reads is empty.
   float HotwordNaiveSearch(int32 model_id, int32 hotword_id) const;  // 1
   float HotwordDtwSearch(int32 model_id, int32 hotword_id) const;    // 2
   // The Viterbi-family searches (universal-detect-stream-search.cc) score the
@@ -184,6 +198,14 @@ class UniversalDetectStream : public StreamItf {
  private:
   // Loads every model named in `model_str`; called once, by the constructor.
   void ReadHotwordModel(const std::string& model_str);
+  // Loads one file as model m, numbering its hotwords from *next_hotword_id.
+  void ReadModelFile(int model_id, const std::string& filename, int32* next_hotword_id);
+  // Errors unless the window setters left one length per model.
+  void CheckWindowLengths() const;
+  // Scores every hotword of model m after a step ending at `frame_id` and
+  // applies the sensitivity, near-miss and refractory rules; returns the
+  // detected hotword, or -1.
+  int ChooseDetectedHotword(int model_id, int32 frame_id);
   // Derives the piece layouts of every hotword of model m.
   void BuildPieceLayouts(int model_id);
   // Applies a sensitivity list to `target` (shared by the two setters).
