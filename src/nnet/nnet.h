@@ -64,9 +64,17 @@ class Nnet {
   void AppendComponent(std::unique_ptr<Component> component);
 
  private:
+  // Runs the batch through every component; `flush` ends the stream.
+  void Run(const MatrixBase& input, const std::vector<FrameInfo>& input_info, bool flush,
+           Matrix* output, std::vector<FrameInfo>* output_info);
+  // Replaces the streaming state with a fresh one sized for components_.
+  void ResetState();
+
   std::vector<std::unique_ptr<Component>> components_;
-  // Streaming state lives with the network implementation (nnet.cc).
+  // Streaming state lives with the network implementation (nnet.cc). Null
+  // only in a moved-from network; State() recreates it.
   struct StreamState;
+  StreamState& State();
   std::unique_ptr<StreamState> state_;
 };
 

@@ -1,0 +1,86 @@
+// Component: one layer of an Nnet.
+//
+// A component maps rows of InputDim() columns to rows of OutputDim() columns.
+// Its file section is its token, its output dimension and its input
+// dimension (int32 each), then its parameters, if any:
+//
+//   <AffineTransform> 128 440 [ weights, output x input ] [ biases ]
+//
+// Before the parameters the nnet1 training tokens <LearnRateCoef>,
+// <BiasLearnRateCoef> and <MaxNorm>, each with a float, are accepted and
+// ignored, and a trailing <!EndOfComponent> is skipped, so that files of
+// Kaldi's nnet1 tools load as they are. Writing never emits them.
+//
+// Every kind keeps its data methods (ReadData/WriteData) and its forward and
+// backward passes side by side in its own file. Propagate and Backpropagate
+// treat the rows of a matrix as consecutive frames of one utterance; only
+// Splice looks across rows (streaming Splice input is handled by the Nnet).
+//
+// Components are immutable during Propagate, so one component may serve
+// several threads at once; changing parameters needs exclusive access.
+#ifndef KESTREL_NNET_NNET_COMPONENT_H_
+#define KESTREL_NNET_NNET_COMPONENT_H_
+
+#include <istream>
+#include <memory>
+#include <ostream>
+#include <string>
+
+#include "utils/kestrel-matrix.h"
+
+namespace kestrel {
+
+class Component {
+ public:
+  virtual ~Component() = default;
+
+  // The token that opens this component's section, e.g. "<AffineTransform>".
+  virtual const char* Token() const = 0;
+  virtual std::unique_ptr<Component> Copy() const = 0;
+
+  int InputDim() const { return input_dim_; }
+  int OutputDim() const { return output_dim_; }
+
+  // Reads one component section. `position` (counting from 1) only labels
+  // error messages, which name it, the token and what was wrong.
+  static std::unique_ptr<Component> Read(bool binary, std::istream* is, int position);
+  void Write(bool binary, std::ostream* os) const;
+
+  // out (in.NumRows() x OutputDim(), sized by the caller) = f(in).
+  virtual void Propagate(const MatrixBase& in, MatrixBase* out) const = 0;
+  // in_diff (sized like in) = d objective / d in, given out_diff = d objective
+  // / d out; `in` and `out` are those of the forward pass.
+  virtual void Backpropagate(const MatrixBase& in, const MatrixBase& out,
+                             const MatrixBase& out_diff, MatrixBase* in_diff) const = 0;
+
+  // Trainable parameters as one flat array (empty for most kinds). The layout
+  // is the kind's own but fixed, so optimisers can work on flat arrays.
+  virtual int NumParams() const { return 0; }
+  virtual void GetParams(float* /*params*/) const {}
+  virtual void SetParams(const float* /*params*/) {}
+  // gradient (NumParams() floats, laid out like the parameters) +=
+  // d objective / d parameters, given the forward input and out_diff.
+  virtual void AccumulateGradient(const MatrixBase& /*in*/, const MatrixBase& /*out_diff*/,
+                                  float* /*gradient*/) const {}
+
+ protected:
+  Component(int input_dim, int output_dim) : input_dim_(input_dim), output_dim_(output_dim) {}
+  Component(const Component&) = default;
+  Component& operator=(const Component&) = default;
+
+  // Reads and writes the parameters that follow the dimensions.
+  virtual void ReadData(bool /*binary*/, std::istream* /*is*/) {}
+  virtual void WriteData(bool /*binary*/, std::ostream* /*os*/) const {}
+  // After ReadData: what is wrong with the dimensions or parameters, as a
+  // phrase for an error message, or "" when they agree. Kept apart from
+  // ReadData so that Read can report it once, with the component's position.
+  virtual std::string CheckData() const = 0;
+
+ private:
+  int input_dim_;
+  int output_dim_;
+};
+
+}  // namespace kestrel
+
+#endif  // KESTREL_NNET_NNET_COMPONENT_H_
