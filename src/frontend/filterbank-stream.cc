@@ -1,0 +1,75 @@
+#include "frontend/filterbank-stream.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "frontend/audio-format.h"
+
+namespace kestrel {
+
+FilterbankStream::FilterbankStream()
+    : fft_(kFftSize),
+      mel_banks_(kNumBins, kLowHz, kHighHz, kFftSize, kSampleRate),
+      window_(kFrameLength),
+      frame_(kFftSize, 0.0),
+      power_(kFftSize / 2 + 1),
+      energies_(kNumBins) {
+  const double pi = std::acos(-1.0);
+  for (int i = 0; i < kFrameLength; ++i) {
+    window_[i] = 0.54 - 0.46 * std::cos(2.0 * pi * i / (kFrameLength - 1));
+  }
+}
+
+int FilterbankStream::Read(Matrix* data, std::vector<FrameInfo>* frame_info) {
+  data->Resize(0, 0);
+  if (frame_info != nullptr) frame_info->clear();
+  const int signal = connected_stream_->Read(&audio_, nullptr);
+  if (signal & kSignalStopMask) return signal;
+
+  for (int r = 0; r < audio_.NumRows(); ++r) {
+    const float* row = audio_.RowData(r);
+    pending_.insert(pending_.end(), row, row + audio_.NumCols());
+  }
+  const int num_frames =
+      pending_.size() < static_cast<size_t>(kFrameLength)
+          ? 0
+          : 1 + static_cast<int>((pending_.size() - kFrameLength) / kFrameShift);
+  if (num_frames > 0) {
+    data->Resize(num_frames, kNumBins, kUndefined);
+    for (int t = 0; t < num_frames; ++t) {
+      ComputeFrame(pending_.data() + static_cast<size_t>(t) * kFrameShift, data->RowData(t));
+    }
+    if (frame_info != nullptr) {
+      frame_info->resize(num_frames);
+      for (int t = 0; t < num_frames; ++t) (*frame_info)[t].frame_id = next_frame_id_ + t;
+    }
+    next_frame_id_ += num_frames;
+    pending_.erase(pending_.begin(), pending_.begin() + static_cast<size_t>(num_frames) * kFrameShift);
+  }
+  if (signal & kSignalFlushMask) pending_.clear();
+  return signal;
+}
+
+bool FilterbankStream::Reset() {
+  pending_.clear();
+  next_frame_id_ = 0;
+  return true;
+}
+
+void FilterbankStream::ComputeFrame(const float* samples, float* out) {
+  double mean = 0.0;
+  for (int i = 0; i < kFrameLength; ++i) mean += samples[i];
+  mean /= kFrameLength;
+  for (int i = 0; i < kFrameLength; ++i) frame_[i] = samples[i] - mean;
+  for (int i = kFrameLength - 1; i > 0; --i) frame_[i] -= kPreemphasis * frame_[i - 1];
+  frame_[0] -= kPreemphasis * frame_[0];
+  for (int i = 0; i < kFrameLength; ++i) frame_[i] *= window_[i];
+  // frame_[kFrameLength..kFftSize) stays zero from construction.
+  fft_.PowerSpectrum(frame_.data(), power_.data());
+  mel_banks_.Compute(power_.data(), energies_.data());
+  for (int j = 0; j < kNumBins; ++j) {
+    out[j] = static_cast<float>(std::log(std::max(energies_[j], kEnergyFloor)));
+  }
+}
+
+}  // namespace kestrel

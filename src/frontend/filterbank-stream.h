@@ -1,0 +1,82 @@
+// FilterbankStream: the stage that turns audio into log-mel feature frames.
+//
+// Upstream: a source stage delivering 16 kHz audio at the 16-bit scale (see
+// audio-format.h). Output: one row of kNumBins log-mel energies per frame,
+// with a FrameInfo whose frame_id counts frames from 0 since the stream began
+// (or since the last Reset). Frame t covers samples [160 t, 160 t + 400).
+//
+// Per frame, in double precision:
+//   1. subtract the frame's mean (DC removal);
+//   2. pre-emphasis, x[i] -= 0.97 x[i-1] from the last sample down to the
+//      second, and x[0] -= 0.97 x[0] (as Kaldi does, so the first sample is
+//      not left unfiltered);
+//   3. Hamming window, 0.54 - 0.46 cos(2 pi i / 399);
+//   4. zero-pad to 512 points, power spectrum;
+//   5. 40 triangular mel filters between 20 and 7600 Hz (mel-banks.h);
+//   6. natural log of each energy, floored at 1e-10 (only digital silence
+//      reaches the floor: one quantisation step of noise is far above it).
+//
+// Streaming: samples that do not yet complete a frame are kept for the next
+// Read, so the output does not depend on how the audio was chunked (it is
+// bit-identical). When the upstream signals kSignalFlush or
+// kSignalEndOfUtterance, the incomplete frame at the end is dropped, not
+// padded: a frame is only ever computed from real audio. Stop signals are
+// passed on with no data. The signal word is always returned unchanged.
+//
+// Borrows its upstream stage; one thread at a time.
+#ifndef KESTREL_FRONTEND_FILTERBANK_STREAM_H_
+#define KESTREL_FRONTEND_FILTERBANK_STREAM_H_
+
+#include <string>
+#include <vector>
+
+#include "frontend/mel-banks.h"
+#include "frontend/real-fft.h"
+#include "stream/stream-itf.h"
+#include "utils/kestrel-types.h"
+
+namespace kestrel {
+
+class FilterbankStream : public StreamItf {
+ public:
+  static constexpr int kFrameLength = 400;  // 25 ms
+  static constexpr int kFrameShift = 160;   // 10 ms
+  static constexpr int kFftSize = 512;
+  static constexpr int kNumBins = 40;
+  static constexpr double kLowHz = 20.0;
+  static constexpr double kHighHz = 7600.0;
+  static constexpr double kPreemphasis = 0.97;
+  static constexpr double kEnergyFloor = 1e-10;
+
+  FilterbankStream();
+
+  // Pulls one block of audio and returns every frame it completes (possibly
+  // none: a 0 x 0 matrix).
+  int Read(Matrix* data, std::vector<FrameInfo>* frame_info) override;
+
+  // Drops held samples; frame ids start again from 0.
+  bool Reset() override;
+
+  std::string Name() const override { return "FilterbankStream"; }
+
+ private:
+  // Computes the features of the kFrameLength samples at `samples` into `out`.
+  void ComputeFrame(const float* samples, float* out);
+
+  RealFft fft_;
+  MelBanks mel_banks_;
+  std::vector<double> window_;
+  // Samples from the start of the next frame on; fewer than kFrameLength
+  // between calls.
+  std::vector<float> pending_;
+  int32 next_frame_id_ = 0;
+  // Scratch, kept to avoid allocating per frame.
+  Matrix audio_;
+  std::vector<double> frame_;
+  std::vector<double> power_;
+  std::vector<double> energies_;
+};
+
+}  // namespace kestrel
+
+#endif  // KESTREL_FRONTEND_FILTERBANK_STREAM_H_

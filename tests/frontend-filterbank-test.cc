@@ -1,0 +1,180 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <complex>
+#include <random>
+#include <vector>
+
+#include "frontend/filterbank-stream.h"
+#include "frontend/pcm-source-stream.h"
+#include "frontend/real-fft.h"
+#include "test-audio.h"
+#include "test-log-capture.h"
+
+namespace kestrel {
+namespace {
+
+// The features written out the slow, obvious way: a direct DFT and mel
+// weights evaluated per bin, all in double precision.
+std::vector<std::vector<double>> ReferenceFeatures(const std::vector<int16_t>& audio) {
+  const double pi = std::acos(-1.0);
+  auto mel = [](double hz) { return 1127.0 * std::log(1.0 + hz / 700.0); };
+  const double low = mel(20.0), step = (mel(7600.0) - low) / 41.0;
+  std::vector<std::vector<double>> features;
+  for (size_t start = 0; start + 400 <= audio.size(); start += 160) {
+    std::vector<double> x(audio.begin() + start, audio.begin() + start + 400);
+    double mean = 0.0;
+    for (double v : x) mean += v / 400.0;
+    std::vector<double> y(400);
+    for (int i = 0; i < 400; ++i) {
+      y[i] = (x[i] - mean) - 0.97 * (i > 0 ? x[i - 1] - mean : x[0] - mean);
+      y[i] *= 0.54 - 0.46 * std::cos(2.0 * pi * i / 399.0);
+    }
+    std::vector<double> row(40, 0.0);
+    for (int k = 0; k <= 256; ++k) {
+      std::complex<double> bin = 0.0;
+      for (int n = 0; n < 400; ++n) bin += y[n] * std::polar(1.0, -2.0 * pi * k * n / 512.0);
+      const double m = mel(k * 16000.0 / 512.0);
+      for (int j = 0; j < 40; ++j) {
+        const double left = low + j * step, centre = left + step, right = centre + step;
+        if (m > left && m < right) {
+          row[j] += std::norm(bin) * (m <= centre ? (m - left) / step : (right - m) / step);
+        }
+      }
+    }
+    for (double& e : row) e = std::log(std::max(e, 1e-10));
+    features.push_back(row);
+  }
+  return features;
+}
+
+struct Output {
+  std::vector<std::vector<float>> rows;
+  std::vector<int32> ids;
+};
+
+// One Read of the filterbank, appended to `out`; returns the signal word.
+int ReadInto(FilterbankStream* filterbank, Output* out) {
+  Matrix data;
+  std::vector<FrameInfo> info;
+  const int signal = filterbank->Read(&data, &info);
+  EXPECT_EQ(static_cast<size_t>(data.NumRows()), info.size());
+  for (int r = 0; r < data.NumRows(); ++r) {
+    out->rows.emplace_back(data.RowData(r), data.RowData(r) + data.NumCols());
+    out->ids.push_back(info[r].frame_id);
+  }
+  return signal;
+}
+
+std::vector<int16_t> TestAudio() {
+  std::vector<int16_t> audio = Noise(16000, 2000, 7);
+  for (auto& s : audio) s = static_cast<int16_t>(s + 300);  // a DC offset to remove
+  AddTone(&audio, 440.0, 8000, 0, 8000);
+  AddTone(&audio, 3000.0, 8000, 6000, 10000);
+  return audio;
+}
+
+TEST(FilterbankTest, MatchesStraightforwardComputation) {
+  const std::vector<int16_t> audio = TestAudio();
+  PcmSourceStream source;
+  FilterbankStream filterbank;
+  filterbank.Connect(&source);
+  source.Push(audio.data(), audio.size());
+  source.MarkEnd();
+  Output out;
+  while (!(ReadInto(&filterbank, &out) & kSignalFlush)) {
+  }
+  const auto expected = ReferenceFeatures(audio);
+  ASSERT_EQ(expected.size(), out.rows.size());
+  ASSERT_EQ(98u, out.rows.size());
+  for (size_t t = 0; t < expected.size(); ++t) {
+    EXPECT_EQ(static_cast<int32>(t), out.ids[t]);
+    for (int j = 0; j < 40; ++j) ASSERT_NEAR(expected[t][j], out.rows[t][j], 1e-3) << t << " " << j;
+  }
+}
+
+TEST(FilterbankTest, OutputDoesNotDependOnChunking) {
+  const std::vector<int16_t> audio = TestAudio();
+  Output whole, trickled;
+  {
+    PcmSourceStream source(audio.size());
+    FilterbankStream filterbank;
+    filterbank.Connect(&source);
+    source.Push(audio.data(), audio.size());
+    ReadInto(&filterbank, &whole);
+  }
+  PcmSourceStream source;
+  FilterbankStream filterbank;
+  filterbank.Connect(&source);
+  for (int16_t s : audio) {
+    source.Push(&s, 1);
+    ReadInto(&filterbank, &trickled);
+  }
+  EXPECT_EQ(whole.ids, trickled.ids);
+  EXPECT_EQ(whole.rows, trickled.rows);  // bit-identical
+}
+
+TEST(FilterbankTest, FlushDropsThePartialFrameAndResetRestartsIds) {
+  const std::vector<int16_t> audio = TestAudio();
+  PcmSourceStream source;
+  FilterbankStream filterbank;
+  filterbank.Connect(&source);
+  source.Push(audio.data(), 1000);  // four frames and 120 spare samples
+  source.MarkEnd();
+  Output out;
+  EXPECT_EQ(kSignalFlush, ReadInto(&filterbank, &out));
+  EXPECT_EQ((std::vector<int32>{0, 1, 2, 3}), out.ids);
+  EXPECT_EQ(kSignalEnd, ReadInto(&filterbank, &out));
+  EXPECT_EQ(4u, out.rows.size());
+
+  // The spare samples are gone: the next frame is built from new audio alone,
+  // while the frame count runs on until the stage is reset.
+  source.Reset();
+  source.Push(audio.data() + 5000, 400);
+  Output next;
+  ReadInto(&filterbank, &next);
+  ASSERT_EQ(1u, next.rows.size());
+  EXPECT_EQ(4, next.ids[0]);
+  const auto expected = ReferenceFeatures({audio.begin() + 5000, audio.begin() + 5400});
+  EXPECT_NEAR(expected[0][5], next.rows[0][5], 1e-3);
+
+  filterbank.Reset();
+  source.Push(audio.data(), 400);
+  Output restarted;
+  ReadInto(&filterbank, &restarted);
+  EXPECT_EQ(std::vector<int32>{0}, restarted.ids);
+}
+
+TEST(FilterbankTest, DigitalSilenceSitsOnTheEnergyFloor) {
+  const std::vector<int16_t> silence(800, 0);
+  PcmSourceStream source;
+  FilterbankStream filterbank;
+  filterbank.Connect(&source);
+  source.Push(silence.data(), silence.size());
+  Output out;
+  ReadInto(&filterbank, &out);
+  ASSERT_EQ(3u, out.rows.size());
+  for (float v : out.rows[2]) EXPECT_FLOAT_EQ(static_cast<float>(std::log(1e-10)), v);
+}
+
+TEST(RealFftTest, PowerSpectrumMatchesDirectTransform) {
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<double> dist(-1.0, 1.0);
+  for (int size : {2, 4, 8, 64, 512}) {
+    std::vector<double> signal(size), power(size / 2 + 1);
+    for (double& v : signal) v = dist(rng);
+    RealFft fft(size);
+    fft.PowerSpectrum(signal.data(), power.data());
+    for (int k = 0; k <= size / 2; ++k) {
+      std::complex<double> bin = 0.0;
+      for (int n = 0; n < size; ++n) {
+        bin += signal[n] * std::polar(1.0, -2.0 * std::acos(-1.0) * k * n / size);
+      }
+      EXPECT_NEAR(std::norm(bin), power[k], 1e-9 * size) << "size " << size << " bin " << k;
+    }
+  }
+  EXPECT_NE(std::string::npos, KESTREL_ERROR_TEXT(RealFft fft(12)).find("size 12"));
+}
+
+}  // namespace
+}  // namespace kestrel
