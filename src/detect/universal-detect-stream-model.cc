@@ -97,9 +97,10 @@ int32 TruncateToInt32(float x) {
 }
 
 // Unit boundaries spread evenly over the slide window: 0, ..., slide_window.
+// The first is 0 also for an empty keyword, where the division has no value.
 std::vector<int32> EvenSearchMask(size_t num_units, int32 slide_window) {
-  std::vector<int32> mask(num_units + 1);
-  for (size_t i = 0; i <= num_units; ++i) {
+  std::vector<int32> mask(num_units + 1, 0);
+  for (size_t i = 1; i <= num_units; ++i) {
     mask[i] = TruncateToInt32(static_cast<float>(i) / static_cast<float>(num_units) *
                               static_cast<float>(slide_window));
   }
@@ -309,6 +310,12 @@ void UniversalDetectStream::BuildPieceLayouts(int model_id) {
       }
     }
   }
+}
+
+const std::vector<std::vector<UniversalDetectStream::PieceInfo>>&
+UniversalDetectStream::PieceLayouts(int model_id, int hotword) const {
+  static const std::vector<std::vector<PieceInfo>> kNone;
+  return piece_infos_[model_id].empty() ? kNone : piece_infos_[model_id][hotword];
 }
 
 void UniversalDetectStream::WriteHotwordModel(bool binary, const std::string& model_str) const {

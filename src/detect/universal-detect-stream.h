@@ -144,9 +144,8 @@ class UniversalDetectStream : public StreamItf {
   }
   int32 SmoothWindow(int model_id) const { return smooth_window_[model_id]; }
   int32 SlideWindow(int model_id) const { return slide_window_[model_id]; }
-  const std::vector<std::vector<PieceInfo>>& PieceLayouts(int model_id, int hotword) const {
-    return piece_infos_[model_id][hotword];
-  }
+  // Empty for the hotwords of a model that is not piecewise.
+  const std::vector<std::vector<PieceInfo>>& PieceLayouts(int model_id, int hotword) const;
   int32 NumPieceLayouts(int model_id, int hotword) const {
     return num_piece_layouts_[model_id][hotword];
   }
