@@ -114,7 +114,7 @@ TEST(FilterbankTest, OutputDoesNotDependOnChunking) {
   EXPECT_EQ(whole.rows, trickled.rows);  // bit-identical
 }
 
-TEST(FilterbankTest, FlushDropsThePartialFrameAndResetRestartsIds) {
+TEST(FilterbankTest, FlushAndResetDropThePartialFrameButFrameIdsRunOn) {
   const std::vector<int16_t> audio = TestAudio();
   PcmSourceStream source;
   FilterbankStream filterbank;
@@ -127,8 +127,7 @@ TEST(FilterbankTest, FlushDropsThePartialFrameAndResetRestartsIds) {
   EXPECT_EQ(kSignalEnd, ReadInto(&filterbank, &out));
   EXPECT_EQ(4u, out.rows.size());
 
-  // The spare samples are gone: the next frame is built from new audio alone,
-  // while the frame count runs on until the stage is reset.
+  // The spare samples are gone: the next frame is built from new audio alone.
   source.Reset();
   source.Push(audio.data() + 5000, 400);
   Output next;
@@ -138,11 +137,15 @@ TEST(FilterbankTest, FlushDropsThePartialFrameAndResetRestartsIds) {
   const auto expected = ReferenceFeatures({audio.begin() + 5000, audio.begin() + 5400});
   EXPECT_NEAR(expected[0][5], next.rows[0][5], 1e-3);
 
+  source.Push(audio.data(), 300);
+  ReadInto(&filterbank, &next);
   filterbank.Reset();
-  source.Push(audio.data(), 400);
+  source.Push(audio.data() + 5000, 400);
   Output restarted;
   ReadInto(&filterbank, &restarted);
-  EXPECT_EQ(std::vector<int32>{0}, restarted.ids);
+  ASSERT_EQ(std::vector<int32>{5}, restarted.ids);
+  EXPECT_EQ(next.rows[0], restarted.rows[0]);
+  EXPECT_EQ(6, filterbank.NextFrameId());
 }
 
 TEST(FilterbankTest, DigitalSilenceSitsOnTheEnergyFloor) {

@@ -34,8 +34,9 @@ int FilterbankStream::Read(Matrix* data, std::vector<FrameInfo>* frame_info) {
       pending_.size() < static_cast<size_t>(kFrameLength)
           ? 0
           : 1 + static_cast<int>((pending_.size() - kFrameLength) / kFrameShift);
+  // 0 x kNumBins when no frame is complete: downstream stages check widths.
+  data->Resize(num_frames, kNumBins, kUndefined);
   if (num_frames > 0) {
-    data->Resize(num_frames, kNumBins, kUndefined);
     for (int t = 0; t < num_frames; ++t) {
       ComputeFrame(pending_.data() + static_cast<size_t>(t) * kFrameShift, data->RowData(t));
     }
@@ -52,7 +53,6 @@ int FilterbankStream::Read(Matrix* data, std::vector<FrameInfo>* frame_info) {
 
 bool FilterbankStream::Reset() {
   pending_.clear();
-  next_frame_id_ = 0;
   return true;
 }
 

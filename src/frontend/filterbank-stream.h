@@ -2,8 +2,11 @@
 //
 // Upstream: a source stage delivering 16 kHz audio at the 16-bit scale (see
 // audio-format.h). Output: one row of kNumBins log-mel energies per frame,
-// with a FrameInfo whose frame_id counts frames from 0 since the stream began
-// (or since the last Reset). Frame t covers samples [160 t, 160 t + 400).
+// with a FrameInfo whose frame_id counts frames from 0 since the stage was
+// built. Frame t of a stream covers its samples [160 t, 160 t + 400). Reset
+// does not restart the count: frame ids are the chain's clock, and the
+// detector measures its refractory and mode distances with them across
+// resets, so a new stream's first frame id is NextFrameId() at its start.
 //
 // Per frame, in double precision:
 //   1. subtract the frame's mean (DC removal);
@@ -51,13 +54,16 @@ class FilterbankStream : public StreamItf {
   FilterbankStream();
 
   // Pulls one block of audio and returns every frame it completes (possibly
-  // none: a 0 x 0 matrix).
+  // none: 0 x kNumBins). After a stop signal `data` is 0 x 0.
   int Read(Matrix* data, std::vector<FrameInfo>* frame_info) override;
 
-  // Drops held samples; frame ids start again from 0.
+  // Drops held samples, so the next audio starts a new frame.
   bool Reset() override;
 
   std::string Name() const override { return "FilterbankStream"; }
+
+  // The id the next frame will carry (the number of frames produced so far).
+  int32 NextFrameId() const { return next_frame_id_; }
 
  private:
   // Computes the features of the kFrameLength samples at `samples` into `out`.

@@ -1,0 +1,113 @@
+// HotwordDetector: hotword detection on 16-bit audio in one object.
+//
+//   kestrel::HotwordDetectorOptions options;
+//   options.detector.model_str = "hey-kestrel.kmodel";
+//   options.hotword_names = {"hey kestrel"};
+//   kestrel::HotwordDetector detector(options);
+//   for (const auto& d : detector.Process(samples, n))
+//     std::printf("%s at %.2f s\n", d.name.c_str(), d.seconds);
+//
+// It owns the whole chain, PcmSourceStream -> FilterbankStream ->
+// UniversalDetectStream, and adds nothing to it but bookkeeping: audio goes
+// to the source, detections come back with their hotword number, name and
+// position.
+//
+// Audio is 16 kHz mono 16-bit. Process takes chunks of any size; the chain
+// always sees the same fixed blocks of `block_samples`, so the detections do
+// not depend on how the audio was chunked, and a detection is reported at
+// most one block after the audio that completed it. Flush ends the stream
+// (analysing the last partial block) and starts a new one.
+//
+// Threads: none of its own. One thread at a time may use a detector; use one
+// detector per thread. Separate detectors (even of the same model files) may
+// run in parallel, as long as the library globals and the log handler are
+// left alone meanwhile. Errors are KestrelError exceptions: construction fails
+// on unreadable models or bad options; an error inside Process or Flush (a
+// model with an unknown search method) leaves the stream to be Reset.
+#ifndef KESTREL_FACADE_HOTWORD_DETECTOR_H_
+#define KESTREL_FACADE_HOTWORD_DETECTOR_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "detect/universal-detect-stream.h"
+#include "frontend/filterbank-stream.h"
+#include "frontend/pcm-source-stream.h"
+#include "utils/kestrel-types.h"
+
+namespace kestrel {
+
+struct HotwordDetectorOptions {
+  // The detector stage's options; model_str (model files joined by
+  // global_kestrel_string_delimiter) is required.
+  UniversalDetectStreamOptions detector;
+  // Optional: one name per hotword over all models, in hotword-number order.
+  std::vector<std::string> hotword_names;
+  // Audio is analysed in blocks of this many samples (0.1 s by default).
+  // Smaller blocks report sooner and cost more per second of audio.
+  int block_samples = PcmSourceStream::kDefaultBlockSamples;
+};
+
+struct Detection {
+  // 1-based over all models, in load order (as the detector stage numbers them).
+  int hotword = 0;
+  // options.hotword_names[hotword - 1], or empty when no names were given.
+  std::string name;
+  // Where the detecting search step began, in samples from the start of the
+  // stream: the first sample of its feature frame. With slide_step 1 this is
+  // about where the hotword's last part was scored complete, so near its end.
+  int64 sample = 0;
+  double seconds = 0.0;  // sample / 16000
+};
+
+class HotwordDetector {
+ public:
+  // Loads the models; throws KestrelError for unreadable models, bad options,
+  // or a names list whose length differs from the number of hotwords.
+  explicit HotwordDetector(const HotwordDetectorOptions& options);
+
+  // Analyses `n` more samples; returns the detections they completed.
+  std::vector<Detection> Process(const int16_t* samples, size_t n);
+  // Ends the stream: analyses what is left and returns its detections, then
+  // Resets, so the next sample starts a new stream at position 0.
+  std::vector<Detection> Flush();
+  // Drops pending audio and the detector's held context and windows; the
+  // next sample starts a new stream at position 0. The detector's refractory
+  // and sensitivity-mode state carries over.
+  void Reset();
+
+  int NumHotwords() const { return num_hotwords_; }
+
+  // Pass through to the detector stage: a list joined by
+  // global_kestrel_string_delimiter of one value for all hotwords, one per
+  // model, or one per hotword.
+  void SetSensitivity(const std::string& sensitivities);
+  void SetHighSensitivity(const std::string& sensitivities);
+  std::string GetSensitivity() const;
+
+  HotwordDetector(const HotwordDetector&) = delete;
+  HotwordDetector& operator=(const HotwordDetector&) = delete;
+
+ private:
+  // Runs one block through the chain, appending any detection; returns the
+  // signal word.
+  int ReadBlock(std::vector<Detection>* detections);
+
+  std::vector<std::string> hotword_names_;
+  size_t block_samples_;
+  PcmSourceStream source_;
+  FilterbankStream filterbank_;
+  UniversalDetectStream detector_;
+  int num_hotwords_ = 0;
+  // Frame id of the current stream's first frame (frame ids run on across
+  // streams; see FilterbankStream).
+  int32 stream_start_frame_ = 0;
+  Matrix result_;
+  std::vector<FrameInfo> result_info_;
+};
+
+}  // namespace kestrel
+
+#endif  // KESTREL_FACADE_HOTWORD_DETECTOR_H_
