@@ -48,7 +48,9 @@ void Nnet::Read(bool binary, std::istream* is) {
   std::vector<std::unique_ptr<Component>> components;
   for (int position = 1;; ++position) {
     const int next = PeekToken(binary, is);
-    if (next == -1) break;  // the network may close the file without "</Nnet>"
+    // The network may close the file without "</Nnet>" (a lone '<' at the
+    // end also peeks as -1, and is read below as an unknown component).
+    if (next == -1 && is->peek() == EOF) break;
     if (next == '/') {
       ExpectToken(binary, "</Nnet>", is);
       break;
