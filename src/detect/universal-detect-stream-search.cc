@@ -67,6 +67,23 @@ const float* GatherFrames(const std::vector<std::deque<float>>& columns, const i
   return out;
 }
 
+// What a whole-hotword search reads: the keyword's posteriors over the last
+// `span` frames of the window (span: the last search-mask entry), gathered.
+struct HotwordFrames {
+  const float* data;  // `rows` rows of one posterior per unit
+  int rows;
+  int32 span;
+};
+
+HotwordFrames GatherHotwordFrames(const std::vector<std::deque<float>>& windows,
+                                  const std::vector<int32>& keyword, const std::vector<int32>& mask,
+                                  std::vector<float>* block) {
+  const int32 span = mask.empty() ? 0 : mask.back();
+  const Stretch stretch = LastFrames(WindowLength(windows), span);
+  const int n = static_cast<int>(keyword.size());
+  return {GatherFrames(windows, keyword.data(), n, stretch, block), stretch.count, span};
+}
+
 // Read-only view of gathered posteriors: `num_frames` rows of `num_states`
 // values, `stride` floats apart.
 struct FrameBlock {
@@ -122,8 +139,8 @@ float BestScore(const float* score, int num_states, bool search_max) {
   return *std::max_element(score, score + num_states);
 }
 
-LockedStates CarveLockedStates(int num_states, std::vector<float>* floats,
-                               std::vector<int32>* ints, std::vector<uint8_t>* flags) {
+LockedStates CarveLockedStates(int num_states, std::vector<float>* floats, std::vector<int32>* ints,
+                               std::vector<uint8_t>* flags) {
   float* f = Reserve(floats, 2 * static_cast<size_t>(num_states));
   return {f, f + num_states, Reserve(ints, num_states), Reserve(flags, num_states)};
 }
@@ -141,8 +158,8 @@ float ScorePiece(const float* keyword_frames, int num_units, int32 end_frame,
                  const UniversalDetectStream::PieceInfo& piece, const float* floors,
                  int32 min_state_frames, bool search_max, const LockedStates& st) {
   // A negative span searches nothing rather than frames after end_frame.
-  const int first = static_cast<int>(std::clamp<int64>(
-      static_cast<int64>(end_frame) - piece.span_frames, 0, end_frame));
+  const int first = static_cast<int>(
+      std::clamp<int64>(static_cast<int64>(end_frame) - piece.span_frames, 0, end_frame));
   const int num_states = piece.end_unit - piece.first_unit;
   FrameBlock frames{keyword_frames + static_cast<size_t>(first) * num_units + piece.first_unit,
                     num_units, end_frame - first, num_states};
@@ -156,23 +173,21 @@ float UniversalDetectStream::HotwordViterbiSearch(int32 model_id, int32 hotword_
   const std::vector<int32>& keyword = keywords_[model_id][hotword_id];
   const int n = static_cast<int>(keyword.size());
   if (n == 0) return 0.0f;
-  const std::vector<std::deque<float>>& windows = posterior_windows_[model_id];
-  const std::vector<int32>& mask = search_mask_[model_id][hotword_id];
-  const int32 span = mask.empty() ? 0 : mask.back();
-  const Stretch stretch = LastFrames(WindowLength(windows), span);
-  const float* block = GatherFrames(windows, keyword.data(), n, stretch, &search_frames_);
+  const HotwordFrames frames = GatherHotwordFrames(
+      posterior_windows_[model_id], keyword, search_mask_[model_id][hotword_id], &search_frames_);
+  const float* block = frames.data;
 
   const float* floors = search_floor_[model_id][hotword_id].data();
   const LockedStates st = CarveLockedStates(n, &search_floats_, &search_ints_, &search_flags_);
-  RunLockedViterbi({block, n, stretch.count, n}, floors, options_.min_state_frames, st);
+  RunLockedViterbi({block, n, frames.rows, n}, floors, options_.min_state_frames, st);
   // Only the last state's floor is tested here; the others acted through
   // their locks.
   if (st.peak[n - 1] < floors[n - 1]) return 0.0f;
-  return BestScore(st.score, n, search_max_[model_id][hotword_id]) / static_cast<float>(span);
+  return BestScore(st.score, n, search_max_[model_id][hotword_id]) /
+         static_cast<float>(frames.span);
 }
 
-float UniversalDetectStream::HotwordViterbiSearch(int32 model_id, int32 hotword_id,
-                                                  int32 end_frame,
+float UniversalDetectStream::HotwordViterbiSearch(int32 model_id, int32 hotword_id, int32 end_frame,
                                                   const PieceInfo& piece) const {
   const std::vector<int32>& keyword = keywords_[model_id][hotword_id];
   if (!PieceInsideKeyword(piece, keyword.size())) return 0.0f;
@@ -180,16 +195,14 @@ float UniversalDetectStream::HotwordViterbiSearch(int32 model_id, int32 hotword_
   const int length = WindowLength(windows);
   const int32 end = std::clamp(end_frame, 0, length);
   const int n = static_cast<int>(keyword.size());
-  const float* block =
-      GatherFrames(windows, keyword.data(), n, {0, end}, &search_frames_);
+  const float* block = GatherFrames(windows, keyword.data(), n, {0, end}, &search_frames_);
   const LockedStates st = CarveLockedStates(piece.end_unit - piece.first_unit, &search_floats_,
                                             &search_ints_, &search_flags_);
   return ScorePiece(block, n, end, piece, search_floor_[model_id][hotword_id].data(),
                     options_.min_state_frames, search_max_[model_id][hotword_id], st);
 }
 
-float UniversalDetectStream::HotwordViterbiSearchReduplication(int32 model_id,
-                                                               int32 hotword_id,
+float UniversalDetectStream::HotwordViterbiSearchReduplication(int32 model_id, int32 hotword_id,
                                                                int32 frame_id) {
   const float score = HotwordViterbiSearch(model_id, hotword_id);
   if (!(score > 1 - sensitivities_[model_id][hotword_id])) return 0.0f;
@@ -215,16 +228,13 @@ float UniversalDetectStream::HotwordViterbiSearchReduplication(int32 model_id,
   return 0.0f;
 }
 
-float UniversalDetectStream::HotwordViterbiSearchSoftFloor(int32 model_id,
-                                                           int32 hotword_id) const {
+float UniversalDetectStream::HotwordViterbiSearchSoftFloor(int32 model_id, int32 hotword_id) const {
   const std::vector<int32>& keyword = keywords_[model_id][hotword_id];
   const int n = static_cast<int>(keyword.size());
   if (n == 0) return 0.0f;
-  const std::vector<std::deque<float>>& windows = posterior_windows_[model_id];
-  const std::vector<int32>& mask = search_mask_[model_id][hotword_id];
-  const int32 span = mask.empty() ? 0 : mask.back();
-  const Stretch stretch = LastFrames(WindowLength(windows), span);
-  const float* block = GatherFrames(windows, keyword.data(), n, stretch, &search_frames_);
+  const HotwordFrames frames = GatherHotwordFrames(
+      posterior_windows_[model_id], keyword, search_mask_[model_id][hotword_id], &search_frames_);
+  const float* block = frames.data;
   const float* floors = search_floor_[model_id][hotword_id].data();
   const int32 min_stay = options_.min_state_frames;
 
@@ -235,7 +245,7 @@ float UniversalDetectStream::HotwordViterbiSearchSoftFloor(int32 model_id,
   std::fill(stay, stay + n, 0);
   score[0] = 0.0f;
   std::fill(score + 1, score + n, kUnreached);
-  for (int f = 0; f < stretch.count; ++f) {
+  for (int f = 0; f < frames.rows; ++f) {
     const float* row = block + static_cast<size_t>(f) * n;
     for (int j = n - 1; j >= 0; --j) {
       // A frame below the floor costs the floor instead of vetoing the state.
@@ -251,20 +261,17 @@ float UniversalDetectStream::HotwordViterbiSearchSoftFloor(int32 model_id,
       if (stay[j] >= min_stay) locked[j] = 0;
     }
   }
-  return BestScore(score, n, search_max_[model_id][hotword_id]) / static_cast<float>(span);
+  return BestScore(score, n, search_max_[model_id][hotword_id]) / static_cast<float>(frames.span);
 }
 
-float UniversalDetectStream::HotwordViterbiSearchTraceback(int32 model_id,
-                                                           int32 hotword_id) const {
+float UniversalDetectStream::HotwordViterbiSearchTraceback(int32 model_id, int32 hotword_id) const {
   const std::vector<int32>& keyword = keywords_[model_id][hotword_id];
   const int n = static_cast<int>(keyword.size());
   if (n == 0) return 0.0f;
-  const std::vector<std::deque<float>>& windows = posterior_windows_[model_id];
-  const std::vector<int32>& mask = search_mask_[model_id][hotword_id];
-  const int32 span = mask.empty() ? 0 : mask.back();
-  const Stretch stretch = LastFrames(WindowLength(windows), span);
-  const float* block = GatherFrames(windows, keyword.data(), n, stretch, &search_frames_);
-  const int rows = stretch.count;
+  const HotwordFrames frames = GatherHotwordFrames(
+      posterior_windows_[model_id], keyword, search_mask_[model_id][hotword_id], &search_frames_);
+  const float* block = frames.data;
+  const int rows = frames.rows;
 
   // Forward pass, unconstrained. A state is reached either from itself or from
   // its predecessor, so one flag per frame and state is the whole back-pointer.
@@ -315,7 +322,7 @@ float UniversalDetectStream::HotwordViterbiSearchTraceback(int32 model_id,
   if (peak > floors[0]) ++floors_met;
   if (durations_met < duration_pass_[model_id][hotword_id]) return 0.0f;
   if (floor_pass_[model_id][hotword_id] > floors_met) return 0.0f;
-  return BestScore(score, n, search_max_[model_id][hotword_id]) / static_cast<float>(span);
+  return BestScore(score, n, search_max_[model_id][hotword_id]) / static_cast<float>(frames.span);
 }
 
 float UniversalDetectStream::HotwordViterbiSearchTracebackLog(int32 model_id,
@@ -324,17 +331,15 @@ float UniversalDetectStream::HotwordViterbiSearchTracebackLog(int32 model_id,
   const int n = static_cast<int>(keyword.size());
   const int32 sub_states = options_.min_state_frames;  // per state
   if (n == 0 || sub_states < 1) return 0.0f;
-  const std::vector<std::deque<float>>& windows = posterior_windows_[model_id];
-  const std::vector<int32>& mask = search_mask_[model_id][hotword_id];
-  const int32 span = mask.empty() ? 0 : mask.back();
-  const Stretch stretch = LastFrames(WindowLength(windows), span);
-  const int rows = stretch.count;
+  const HotwordFrames frames = GatherHotwordFrames(
+      posterior_windows_[model_id], keyword, search_mask_[model_id][hotword_id], &search_frames_);
+  const float* block = frames.data;
+  const int rows = frames.rows;
   // Sub-state e cannot be reached before row e, so a chain longer than the
   // searched rows never reaches its end.
   const int64 chain = static_cast<int64>(n) * sub_states;
   if (chain > rows) return 0.0f;
   const int num_sub = static_cast<int>(chain);
-  const float* block = GatherFrames(windows, keyword.data(), n, stretch, &search_frames_);
 
   float* lin = Reserve(&search_floats_, 2 * static_cast<size_t>(num_sub) + 2 * n);
   float* logsum = lin + num_sub;
@@ -414,8 +419,8 @@ float UniversalDetectStream::HotwordViterbiSearchTracebackLog(int32 model_id,
     if (mean < low) low = mean;
   }
   const float avg = n > 1 ? (total - low) / static_cast<float>(n - 1) : total;
-  const float path = BestScore(lin, num_sub, search_max_[model_id][hotword_id]) /
-                     static_cast<float>(span);
+  const float path =
+      BestScore(lin, num_sub, search_max_[model_id][hotword_id]) / static_cast<float>(frames.span);
   return path < avg ? path : avg;
 }
 
@@ -456,8 +461,8 @@ float UniversalDetectStream::HotwordPiecewiseSearch(int32 model_id, int32 hotwor
     size_t next_piece = 0;
     int32 last_frame = -1;
     for (int t = 0; t < length; ++t) {
-      const float s = ScorePiece(block, n, t, layout[next_piece], floors,
-                                 options_.min_state_frames, search_max, st);
+      const float s = ScorePiece(block, n, t, layout[next_piece], floors, options_.min_state_frames,
+                                 search_max, st);
       if (!(s > threshold)) continue;
       if (next_piece > 0) {
         const float d = std::fabs(static_cast<float>(t) - static_cast<float>(last_frame));
