@@ -1,0 +1,154 @@
+// Scoring detections against a corpus, and running the detector over stored
+// network outputs.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "det-evaluation.h"
+#include "feature-set.h"
+#include "hotword-model-file.h"
+#include "posterior-scan.h"
+#include "search-tuning.h"
+
+namespace kestrel {
+namespace {
+
+CorpusClip Clip(ClipKind kind, double duration, double start = 0.0, double end = 0.0) {
+  CorpusClip c;
+  c.kind = kind;
+  c.duration = duration;
+  c.hotword_start = start;
+  c.hotword_end = end;
+  return c;
+}
+
+TEST(CountOperatingPoint, HitsMissesAndFalseAlarms) {
+  std::vector<CorpusClip> clips{
+      Clip(ClipKind::kPositive, 4.0, 1.0, 2.0),   // detected just after the end
+      Clip(ClipKind::kPositive, 4.0, 1.0, 2.0),   // detected too late: miss + FA
+      Clip(ClipKind::kPositive, 4.0, 1.0, 2.0),   // detected before it starts: miss + FA
+      Clip(ClipKind::kNegative, 3600.0),          // two false alarms
+      Clip(ClipKind::kConfusable, 5.0)};          // nothing
+  // Frame f is reported at 10 f + 12.5 ms.
+  std::vector<std::vector<int>> detections{{240}, {260}, {50}, {10, 5000}, {}};
+  OperatingPoint p = CountOperatingPoint(clips, detections, 0.5);
+  EXPECT_EQ(p.positives, 3);
+  EXPECT_EQ(p.detected, 1);
+  EXPECT_EQ(p.false_alarms, 4);
+  // Hours outside the hotwords: 3 x 3 s + 3600 s + 5 s.
+  EXPECT_NEAR(p.hours, (9.0 + 3600.0 + 5.0) / 3600.0, 1e-9);
+  EXPECT_NEAR(p.FalseRejectionRate(), 2.0 / 3.0, 1e-9);
+  EXPECT_NEAR(p.FalseAlarmsPerHour(), 4.0 / p.hours, 1e-9);
+
+  // Two detections inside one hotword are one hit, not a false alarm.
+  OperatingPoint twice = CountOperatingPoint({clips[0]}, {{120, 180}}, 0.5);
+  EXPECT_EQ(twice.detected, 1);
+  EXPECT_EQ(twice.false_alarms, 0);
+}
+
+TEST(OperatingCurve, PicksTheBestPointWithinTheBudget) {
+  auto point = [](float s, int detected, int fa) {
+    OperatingPoint p;
+    p.sensitivity = s;
+    p.positives = 100;
+    p.detected = detected;
+    p.false_alarms = fa;
+    p.hours = 2.0;
+    return p;
+  };
+  std::vector<OperatingPoint> curve{point(0.3f, 80, 0), point(0.5f, 95, 1), point(0.7f, 99, 5)};
+  EXPECT_NEAR(FrrAtFalseAlarmRate(curve, 0.1), 0.2, 1e-12);
+  EXPECT_NEAR(FrrAtFalseAlarmRate(curve, 0.5), 0.05, 1e-12);
+  EXPECT_NEAR(FrrAtFalseAlarmRate(curve, 10.0), 0.01, 1e-12);
+  EXPECT_DOUBLE_EQ(FrrAtFalseAlarmRate({point(0.9f, 100, 9)}, 1.0), 1.0);
+  ASSERT_NE(MostSensitiveWithin(curve, 0.5), nullptr);
+  EXPECT_FLOAT_EQ(MostSensitiveWithin(curve, 0.5)->sensitivity, 0.5f);
+  EXPECT_EQ(MostSensitiveWithin(curve, 0.0)->sensitivity, 0.3f);
+  EXPECT_EQ(MostSensitiveWithin({point(0.9f, 100, 9)}, 1.0), nullptr);
+
+  std::string table = ComparisonTable({{"Viterbi (3)", curve}}, {0.5});
+  EXPECT_NE(table.find("| Viterbi (3) | 5.0% |"), std::string::npos) << table;
+}
+
+class ScanTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = std::filesystem::temp_directory_path() /
+           ("kestrel-scan-test-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
+    std::filesystem::create_directories(dir_);
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+
+  // Three outputs (filler, unit 1, unit 2); the units light up in order at
+  // frames [start, start + 20) and [start + 20, start + 40) of the clip.
+  static Matrix Posteriors(int frames, int start) {
+    Matrix m(frames, 3);
+    for (int t = 0; t < frames; ++t) {
+      int label = (t >= start && t < start + 20) ? 1 : (t >= start + 20 && t < start + 40) ? 2 : 0;
+      m(t, label) = 0.9f;
+      m(t, (label + 1) % 3) = 0.1f;
+    }
+    return m;
+  }
+
+  std::filesystem::path dir_;
+};
+
+TEST_F(ScanTest, DetectsThePatternAtItsEndInEveryClipIndependently) {
+  FeatureSet posteriors;
+  posteriors.Append(Posteriors(300, 100));
+  posteriors.Append(Posteriors(300, 0));   // right at the start of the next clip
+  posteriors.Append(Posteriors(300, 400));  // never complete
+  HotwordModelSettings settings = MakeHotwordSettings({0.2, 0.2}, 3, 1, 40, 0.05f, 0.3f);
+  UniversalDetectStreamOptions options;
+  for (int threads : {1, 2}) {
+    std::vector<std::vector<int>> found =
+        ScanDetections(posteriors, settings, options, dir_.string(), threads);
+    ASSERT_EQ(found.size(), 3u);
+    ASSERT_EQ(found[0].size(), 1u);
+    EXPECT_GE(found[0][0], 130);
+    EXPECT_LE(found[0][0], 140);
+    ASSERT_EQ(found[1].size(), 1u);
+    EXPECT_LE(found[1][0], 40);
+    EXPECT_TRUE(found[2].empty());
+  }
+  // A strict threshold finds nothing; no scratch files are left behind.
+  settings.hotwords[0].sensitivity = 0.0f;
+  std::vector<std::vector<int>> none = ScanDetections(posteriors, settings, options, dir_.string(), 2);
+  EXPECT_TRUE(none[0].empty() && none[1].empty());
+  EXPECT_TRUE(std::filesystem::is_empty(dir_));
+}
+
+TEST_F(ScanTest, ModelFilesRoundTripThroughTheWriterAndReader) {
+  HotwordModelSettings settings = MakeHotwordSettings({0.1, 0.3}, 7, 5, 80, 0.2f, 0.45f);
+  settings.hotwords[0].duration_pass = 2;
+  std::istringstream net("<Nnet> <Softmax> 3 3 </Nnet>");
+  Nnet nnet;
+  nnet.Read(false, &net);
+  for (bool binary : {true, false}) {
+    std::string path = (dir_ / "m.kmodel").string();
+    WriteHotwordModelFile(path, settings, nnet, binary);
+    HotwordModelSettings back;
+    Nnet back_net;
+    ReadHotwordModelFile(path, &back, &back_net);
+    EXPECT_EQ(back.smooth_window, 5);
+    EXPECT_EQ(back.slide_window, 80);
+    ASSERT_EQ(back.hotwords.size(), 1u);
+    const HotwordSettings& hw = back.hotwords[0];
+    EXPECT_EQ(hw.keyword, (std::vector<int32>{1, 2}));
+    EXPECT_EQ(hw.search_mask, (std::vector<int32>{0, 20, 80}));
+    EXPECT_EQ(hw.search_method, 7);
+    EXPECT_FLOAT_EQ(hw.sensitivity, 0.45f);
+    EXPECT_EQ(hw.search_floor, (std::vector<float>{0.2f, 0.2f}));
+    EXPECT_EQ(hw.duration_pass, 2);
+    EXPECT_EQ(back_net.OutputDim(), 3);
+    // The detector stage loads it too.
+    UniversalDetectStreamOptions options;
+    options.model_str = path;
+    UniversalDetectStream detector(options);
+    EXPECT_EQ(detector.SearchMethod(0, 0), 7);
+  }
+}
+
+}  // namespace
+}  // namespace kestrel

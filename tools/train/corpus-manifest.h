@@ -1,0 +1,49 @@
+// Corpus manifests: the JSON-lines files (train.jsonl, dev.jsonl, test.jsonl)
+// that list a corpus's clips, one object per line.
+//
+// Fields read: "wav" (path relative to the manifest's directory), "kind"
+// ("positive", "negative", "confusable" or "noise"), "duration" (seconds) and,
+// for positives, "hotword" ([start, end] seconds) and the phoneme timings
+// "phonemes_arpa" (engine-independent symbols; "phonemes" when absent), each
+// [symbol, start, end]. "split", "engine" and "voice" are kept for reports.
+// Other fields are ignored, so the generator may add more.
+#ifndef KESTREL_TOOLS_TRAIN_CORPUS_MANIFEST_H_
+#define KESTREL_TOOLS_TRAIN_CORPUS_MANIFEST_H_
+
+#include <string>
+#include <vector>
+
+namespace kestrel {
+
+enum class ClipKind { kPositive, kNegative, kConfusable, kNoise };
+
+struct PhoneSpan {
+  std::string symbol;
+  double start = 0.0;  // seconds from the start of the clip
+  double end = 0.0;
+};
+
+struct CorpusClip {
+  std::string wav;  // absolute, or relative to the working directory
+  ClipKind kind = ClipKind::kNegative;
+  double duration = 0.0;
+  // Positives only: where the hotword is spoken, and its phonemes.
+  double hotword_start = 0.0;
+  double hotword_end = 0.0;
+  std::vector<PhoneSpan> phones;
+  std::string split, engine, voice;
+};
+
+// Reads a manifest. Errors (a missing file, bad JSON, a missing or ill-typed
+// field, a positive without timings) throw KestrelError naming the file,
+// the line and the field, with what was expected and what was found.
+std::vector<CorpusClip> ReadManifest(const std::string& path);
+
+// Parses one manifest line; `where` ("file:line") labels its errors and
+// `base_dir` is prefixed to the relative "wav" path.
+CorpusClip ParseManifestLine(const std::string& line, const std::string& where,
+                             const std::string& base_dir);
+
+}  // namespace kestrel
+
+#endif  // KESTREL_TOOLS_TRAIN_CORPUS_MANIFEST_H_

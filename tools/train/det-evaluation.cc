@@ -1,0 +1,140 @@
+#include "det-evaluation.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <sstream>
+
+#include "hotword-units.h"
+
+namespace kestrel {
+
+OperatingPoint CountOperatingPoint(const std::vector<CorpusClip>& clips,
+                                   const std::vector<std::vector<int>>& detections,
+                                   double tolerance_seconds) {
+  OperatingPoint point;
+  for (size_t i = 0; i < clips.size(); ++i) {
+    const CorpusClip& clip = clips[i];
+    const bool positive = clip.kind == ClipKind::kPositive;
+    bool hit = false;
+    for (int frame : detections[i]) {
+      double t = frame * kFrameShiftSeconds + kFrameCentreSeconds;
+      if (positive && t >= clip.hotword_start && t <= clip.hotword_end + tolerance_seconds) {
+        hit = true;
+      } else {
+        ++point.false_alarms;
+      }
+    }
+    double outside = clip.duration;
+    if (positive) {
+      ++point.positives;
+      if (hit) ++point.detected;
+      outside -= clip.hotword_end - clip.hotword_start;
+    }
+    point.hours += std::max(0.0, outside) / 3600.0;
+  }
+  return point;
+}
+
+double FrrAtFalseAlarmRate(const std::vector<OperatingPoint>& curve,
+                           double max_false_alarms_per_hour) {
+  double best = 1.0;
+  for (const OperatingPoint& p : curve) {
+    if (p.FalseAlarmsPerHour() <= max_false_alarms_per_hour) best = std::min(best, p.FalseRejectionRate());
+  }
+  return best;
+}
+
+const OperatingPoint* MostSensitiveWithin(const std::vector<OperatingPoint>& curve,
+                                          double max_false_alarms_per_hour) {
+  const OperatingPoint* best = nullptr;
+  for (const OperatingPoint& p : curve) {
+    if (p.FalseAlarmsPerHour() <= max_false_alarms_per_hour &&
+        (best == nullptr || p.sensitivity > best->sensitivity)) {
+      best = &p;
+    }
+  }
+  return best;
+}
+
+std::string OperatingPointTable(const NamedCurve& curve) {
+  std::ostringstream os;
+  os << std::fixed;
+  os << "| sensitivity | detected | FRR | false alarms | FA/h |\n|---|---|---|---|---|\n";
+  for (const OperatingPoint& p : curve.points) {
+    os << "| " << std::setprecision(3) << p.sensitivity << " | " << p.detected << "/" << p.positives
+       << " | " << std::setprecision(1) << 100.0 * p.FalseRejectionRate() << "% | "
+       << p.false_alarms << " | " << std::setprecision(2) << p.FalseAlarmsPerHour() << " |\n";
+  }
+  return os.str();
+}
+
+std::string ComparisonTable(const std::vector<NamedCurve>& curves,
+                            const std::vector<double>& false_alarm_rates) {
+  std::ostringstream os;
+  os << "| search |";
+  for (double r : false_alarm_rates) os << " FRR at " << r << " FA/h |";
+  os << "\n|---|";
+  for (size_t i = 0; i < false_alarm_rates.size(); ++i) os << "---|";
+  os << "\n" << std::fixed << std::setprecision(1);
+  for (const NamedCurve& c : curves) {
+    os << "| " << c.name << " |";
+    for (double r : false_alarm_rates) os << " " << 100.0 * FrrAtFalseAlarmRate(c.points, r) << "% |";
+    os << "\n";
+  }
+  return os.str();
+}
+
+bool WriteDetPlot(const std::vector<NamedCurve>& curves, const std::string& png_path,
+                  std::string* error) {
+  std::filesystem::path png(png_path);
+  std::string data_path = std::filesystem::path(png).replace_extension(".dat").string();
+  std::string script_path = std::filesystem::path(png).replace_extension(".gp").string();
+  {
+    std::ofstream data(data_path);
+    // One gnuplot data block per curve, points in order of false alarm rate.
+    for (const NamedCurve& c : curves) {
+      data << "# " << c.name << "\n";
+      std::vector<OperatingPoint> points = c.points;
+      std::sort(points.begin(), points.end(), [](const OperatingPoint& a, const OperatingPoint& b) {
+        return a.FalseAlarmsPerHour() < b.FalseAlarmsPerHour() ||
+               (a.FalseAlarmsPerHour() == b.FalseAlarmsPerHour() &&
+                a.FalseRejectionRate() > b.FalseRejectionRate());
+      });
+      for (const OperatingPoint& p : points) {
+        data << p.FalseAlarmsPerHour() << " " << 100.0 * p.FalseRejectionRate() << "\n";
+      }
+      data << "\n\n";
+    }
+    std::ofstream script(script_path);
+    script << "set terminal pngcairo size 800,560 font ',11'\n"
+           << "set output '" << png.string() << "'\n"
+           << "set title 'Hotword detection: false rejections against false alarms'\n"
+           << "set xlabel 'false alarms per hour'\n"
+           << "set ylabel 'false rejection rate (%)'\n"
+           << "set xrange [0:2]\nset yrange [0:20]\nset grid\nset key top right\n"
+           << "plot ";
+    for (size_t i = 0; i < curves.size(); ++i) {
+      script << (i > 0 ? ", " : "") << "'" << data_path << "' index " << i
+             << " with linespoints title '" << curves[i].name << "'";
+    }
+    script << "\n";
+    if (!data || !script) {
+      *error = "cannot write " + data_path + " or " + script_path;
+      return false;
+    }
+  }
+  std::string command = "gnuplot '" + script_path + "' 2>&1";
+  int status = std::system(command.c_str());
+  if (status != 0) {
+    *error = "gnuplot failed or is not installed (run: apt-get install gnuplot-nox); "
+             "the data and script are in " + data_path + " and " + script_path;
+    return false;
+  }
+  return true;
+}
+
+}  // namespace kestrel

@@ -1,0 +1,65 @@
+// TrainingFrames: the labelled frames of a corpus split, and the shuffled,
+// class-balanced minibatches the trainer draws from them.
+//
+// Inputs are spliced exactly as the network's <Splice> does at detection
+// time (clip edges repeat the first and last frames), so the trainer can
+// train the layers after the splice on independent frames from many clips.
+//
+// Borrows the feature set, which must outlive it. Const methods are safe to
+// call from several threads.
+#ifndef KESTREL_TOOLS_TRAIN_TRAINING_FRAMES_H_
+#define KESTREL_TOOLS_TRAIN_TRAINING_FRAMES_H_
+
+#include <random>
+#include <vector>
+
+#include "feature-set.h"
+#include "nnet/nnet-splice.h"
+#include "utils/kestrel-matrix.h"
+#include "utils/kestrel-types.h"
+
+namespace kestrel {
+
+struct FrameRef {
+  int32 clip = 0;
+  int32 frame = 0;
+};
+
+class TrainingFrames {
+ public:
+  // `labels[c]` holds one label per frame of clip c (0 = filler).
+  TrainingFrames(const FeatureSet* features, std::vector<std::vector<int>> labels,
+                 const Splice& splice);
+
+  int NumLabels() const { return num_labels_; }
+  int InputDim() const { return splice_.OutputDim(); }
+  const std::vector<FrameRef>& UnitFrames() const { return unit_frames_; }
+  const std::vector<FrameRef>& FillerFrames() const { return filler_frames_; }
+  int Label(const FrameRef& f) const { return labels_[f.clip][f.frame]; }
+
+  // One epoch: every unit frame plus filler frames drawn without
+  // replacement so that they make up `filler_fraction` of the epoch (all of
+  // them if there are too few), shuffled.
+  std::vector<FrameRef> EpochFrames(double filler_fraction, std::mt19937* rng) const;
+
+  // Rows first..first+n of `frames`, spliced, into `inputs` (n x InputDim())
+  // and their labels into `labels`.
+  void MakeBatch(const std::vector<FrameRef>& frames, size_t first, size_t n, Matrix* inputs,
+                 std::vector<int32>* labels) const;
+
+  // Per-dimension mean and standard deviation of the raw features over all
+  // frames (a floor keeps constant dimensions finite).
+  void FeatureStats(std::vector<double>* mean, std::vector<double>* stddev) const;
+
+ private:
+  const FeatureSet* features_;
+  std::vector<std::vector<int>> labels_;
+  Splice splice_;
+  int num_labels_ = 1;
+  std::vector<FrameRef> unit_frames_;
+  std::vector<FrameRef> filler_frames_;
+};
+
+}  // namespace kestrel
+
+#endif  // KESTREL_TOOLS_TRAIN_TRAINING_FRAMES_H_
