@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <random>
 #include <string>
 #include <vector>
@@ -109,9 +110,18 @@ TEST_F(HotwordDetectorTest, SensitivityPassesThroughToTheDetector) {
   EXPECT_EQ(1u, Run(&detector, audio, {audio.size()}).size());
 }
 
-TEST_F(HotwordDetectorTest, RefusesANamesListThatDoesNotMatchTheHotwords) {
+TEST_F(HotwordDetectorTest, RefusesNamesOrNetworksThatDoNotFit) {
   options_.hotword_names = {"a", "b"};
   EXPECT_EQ("HotwordDetector: 2 hotword names given for 1 hotwords in " + model_ + ".",
+            KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
+  options_.hotword_names.clear();
+  const std::string small = TempPath("small.kmodel");
+  std::ofstream(small) << "<UniversalModel> <KwInfo> <SmoothWindow> 1 <SlideWindow> 10 "
+                          "<NumKws> 1 <Kw> [ 1 ] <Sensitivity> 0.5 </KwInfo> "
+                          "<Nnet> <Softmax> 3 3 </Nnet>";
+  options_.detector.model_str = model_ + "," + small;
+  EXPECT_EQ("HotwordDetector: model 2 of " + options_.detector.model_str +
+                " takes 3 features per frame; the front end gives 40.",
             KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
   options_.detector.model_str = TempPath("missing.kmodel");
   EXPECT_NE(std::string::npos,

@@ -12,7 +12,18 @@ HotwordDetector::HotwordDetector(const HotwordDetectorOptions& options)
       detector_(options.detector) {
   filterbank_.Connect(&source_);
   detector_.Connect(&filterbank_);
-  for (int m = 0; m < detector_.NumModels(); ++m) num_hotwords_ += detector_.NumHotwords(m);
+  for (int m = 0; m < detector_.NumModels(); ++m) {
+    // Caught here, a model built for other features names itself; caught by
+    // the network, it would surface later as a bare dimension mismatch.
+    const int input_dim = detector_.GetNnet(m).InputDim();
+    if (input_dim != FilterbankStream::kNumBins) {
+      KESTREL_ERR("hotword-detector")
+          << "HotwordDetector: model " << m + 1 << " of " << options.detector.model_str
+          << " takes " << input_dim << " features per frame; the front end gives "
+          << FilterbankStream::kNumBins << ".";
+    }
+    num_hotwords_ += detector_.NumHotwords(m);
+  }
   if (!hotword_names_.empty() && hotword_names_.size() != static_cast<size_t>(num_hotwords_)) {
     KESTREL_ERR("hotword-detector") << "HotwordDetector: " << hotword_names_.size()
                                     << " hotword names given for " << num_hotwords_

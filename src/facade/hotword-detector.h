@@ -65,7 +65,8 @@ struct Detection {
 class HotwordDetector {
  public:
   // Loads the models; throws KestrelError for unreadable models, bad options,
-  // or a names list whose length differs from the number of hotwords.
+  // a network that does not take the front end's 40 features, or a names
+  // list whose length differs from the number of hotwords.
   explicit HotwordDetector(const HotwordDetectorOptions& options);
 
   // Analyses `n` more samples; returns the detections they completed.

@@ -1,0 +1,52 @@
+// Test helper: runs the built `kestrel` program (path from the build) and
+// captures its exit status and output.
+#ifndef KESTREL_TESTS_TEST_RUN_COMMAND_H_
+#define KESTREL_TESTS_TEST_RUN_COMMAND_H_
+
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "test-audio.h"
+
+namespace kestrel {
+
+struct CommandResult {
+  int status = -1;
+  std::string out;
+  std::string err;
+  std::vector<std::string> OutLines() const {
+    std::vector<std::string> lines;
+    std::istringstream is(out);
+    for (std::string line; std::getline(is, line);) lines.push_back(line);
+    return lines;
+  }
+};
+
+inline std::string ReadFileBytes(const std::string& path) {
+  std::ifstream is(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(is), std::istreambuf_iterator<char>());
+}
+
+// Runs `kestrel <args>` through the shell, standard input from `input` (or
+// nothing).
+inline CommandResult RunKestrel(const std::string& args, const std::string& input = "/dev/null") {
+  const std::string out = TempPath("cli.out"), err = TempPath("cli.err");
+  const std::string command = std::string("'") + KESTREL_CLI + "' " + args + " < '" + input +
+                              "' > '" + out + "' 2> '" + err + "'";
+  CommandResult result;
+  const int raw = std::system(command.c_str());
+  result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  result.out = ReadFileBytes(out);
+  result.err = ReadFileBytes(err);
+  return result;
+}
+
+}  // namespace kestrel
+
+#endif  // KESTREL_TESTS_TEST_RUN_COMMAND_H_

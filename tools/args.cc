@@ -1,0 +1,133 @@
+#include "args.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+#include <sstream>
+
+namespace kestrel {
+
+ArgParser::ArgParser(const std::string& usage, const std::string& description)
+    : usage_(usage), description_(description) {}
+
+void ArgParser::AddString(const std::string& name, std::string* value, const std::string& help) {
+  options_.push_back({name, Kind::kString, value, help, *value});
+}
+
+void ArgParser::AddInt(const std::string& name, int32* value, const std::string& help) {
+  options_.push_back({name, Kind::kInt, value, help, std::to_string(*value)});
+}
+
+void ArgParser::AddFlag(const std::string& name, bool* value, const std::string& help) {
+  options_.push_back({name, Kind::kFlag, value, help, *value ? "true" : "false"});
+}
+
+const ArgParser::Option* ArgParser::Find(const std::string& name) const {
+  for (const Option& option : options_) {
+    if (option.name == name) return &option;
+  }
+  return nullptr;
+}
+
+bool ArgParser::SetValue(const Option& option, const std::string& text, std::string* error) const {
+  switch (option.kind) {
+    case Kind::kString:
+      *static_cast<std::string*>(option.value) = text;
+      return true;
+    case Kind::kInt: {
+      errno = 0;
+      char* end = nullptr;
+      const long long v = std::strtoll(text.c_str(), &end, 10);
+      if (text.empty() || *end != '\0' || errno == ERANGE ||
+          v < std::numeric_limits<int32>::min() || v > std::numeric_limits<int32>::max()) {
+        *error = "--" + option.name + " needs an integer, got \"" + text + "\"";
+        return false;
+      }
+      *static_cast<int32*>(option.value) = static_cast<int32>(v);
+      return true;
+    }
+    case Kind::kFlag:
+      if (text != "true" && text != "false") {
+        *error = "--" + option.name + " is a flag; its value can only be true or false, got \"" +
+                 text + "\"";
+        return false;
+      }
+      *static_cast<bool*>(option.value) = text == "true";
+      return true;
+  }
+  return false;
+}
+
+bool ArgParser::Parse(int argc, char** argv, int first, std::vector<std::string>* positional,
+                      std::string* error) {
+  bool options_ended = false;
+  for (int i = first; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (options_ended || arg == "-" || arg.compare(0, 1, "-") != 0) {
+      positional->push_back(arg);
+      continue;
+    }
+    if (arg == "--") {
+      options_ended = true;
+      continue;
+    }
+    if (arg == "--help" || arg == "-h") {
+      help_requested_ = true;
+      continue;
+    }
+    if (arg.compare(0, 2, "--") != 0) {
+      *error = "unknown option \"" + arg + "\"";
+      return false;
+    }
+    const size_t equals = arg.find('=');
+    const std::string name = arg.substr(2, equals == std::string::npos ? std::string::npos : equals - 2);
+    const Option* option = Find(name);
+    if (option == nullptr) {
+      *error = "unknown option \"--" + name + "\"";
+      return false;
+    }
+    std::string value;
+    if (equals != std::string::npos) {
+      value = arg.substr(equals + 1);
+    } else if (option->kind == Kind::kFlag) {
+      value = "true";
+    } else if (i + 1 < argc) {
+      value = argv[++i];
+    } else {
+      *error = "--" + name + " needs a value";
+      return false;
+    }
+    if (!SetValue(*option, value, error)) return false;
+  }
+  return true;
+}
+
+std::string ArgParser::Help() const {
+  std::ostringstream os;
+  os << "usage: " << usage_ << "\n\n" << description_ << "\n";
+  if (!options_.empty()) os << "\noptions:\n";
+  for (const Option& option : options_) {
+    std::string synopsis = "  --" + option.name;
+    if (option.kind == Kind::kInt) synopsis += "=N";
+    if (option.kind == Kind::kString) synopsis += "=S";
+    os << synopsis;
+    if (synopsis.size() < 26) {
+      os << std::string(26 - synopsis.size(), ' ');
+    } else {
+      os << "\n" << std::string(26, ' ');
+    }
+    std::string help = option.help;
+    for (size_t at = 0; (at = help.find('\n', at)) != std::string::npos; at += 27) {
+      help.insert(at + 1, std::string(26, ' '));
+    }
+    os << help;
+    if (option.kind != Kind::kFlag && !option.default_text.empty()) {
+      os << " (default: " << option.default_text << ")";
+    }
+    os << "\n";
+  }
+  os << "  --help                  show this help\n";
+  return os.str();
+}
+
+}  // namespace kestrel

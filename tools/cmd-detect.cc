@@ -1,0 +1,247 @@
+// kestrel detect: hotwords in WAV files or raw audio on standard input.
+#include <unistd.h>
+
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "args.h"
+#include "commands.h"
+#include "facade/hotword-detector.h"
+#include "frontend/audio-format.h"
+#include "frontend/wave-reader.h"
+#include "utils/kestrel-globals.h"
+#include "utils/kestrel-log.h"
+#include "utils/kestrel-utils.h"
+
+namespace kestrel {
+namespace {
+
+constexpr size_t kChunkSamples = kSampleRate;  // read one second at a time
+// Audio shorter than this finishes before a progress bar would help.
+constexpr int64 kProgressMinSamples = 60 * static_cast<int64>(kSampleRate);
+
+std::string JsonString(const std::string& text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20) {
+      static const char kHex[] = "0123456789abcdef";
+      out += "\\u00";
+      out += kHex[c >> 4];
+      out += kHex[c & 0xF];
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out + "\"";
+}
+
+// A one-line bar on standard error, redrawn in place, for long files when
+// standard error is a terminal. Cleared before any other output.
+class ProgressBar {
+ public:
+  ProgressBar(const std::string& label, int64 total)
+      : label_(label), total_(total), shown_(total >= kProgressMinSamples && isatty(2)) {}
+  ~ProgressBar() { Clear(); }
+
+  void Update(int64 done) {
+    if (!shown_) return;
+    const int percent = static_cast<int>(100 * done / total_);
+    if (percent == percent_) return;
+    percent_ = percent;
+    const int filled = percent / 5;
+    std::cerr << "\r" << label_ << " [" << std::string(filled, '#')
+              << std::string(20 - filled, '.') << "] " << percent << "%" << std::flush;
+    drawn_ = true;
+  }
+
+  void Clear() {
+    if (!drawn_) return;
+    std::cerr << "\r\033[K" << std::flush;
+    drawn_ = false;
+    percent_ = -1;
+  }
+
+ private:
+  std::string label_;
+  int64 total_;
+  bool shown_;
+  bool drawn_ = false;
+  int percent_ = -1;
+};
+
+class DetectCommand {
+ public:
+  DetectCommand(HotwordDetector* detector, bool json) : detector_(detector), json_(json) {}
+
+  // Each returns false after reporting a failure.
+  bool RunWave(const std::string& file);
+  bool RunStandardInput();
+
+ private:
+  void Print(const std::string& file, const std::vector<Detection>& detections,
+             ProgressBar* progress);
+
+  HotwordDetector* detector_;
+  bool json_;
+  std::vector<int16_t> chunk_ = std::vector<int16_t>(kChunkSamples);
+};
+
+void DetectCommand::Print(const std::string& file, const std::vector<Detection>& detections,
+                          ProgressBar* progress) {
+  if (detections.empty()) return;
+  progress->Clear();
+  for (const Detection& d : detections) {
+    char time[32];
+    std::snprintf(time, sizeof(time), "%.2f", d.seconds);
+    if (json_) {
+      std::cout << "{\"file\": " << JsonString(file) << ", \"time\": " << time
+                << ", \"sample\": " << d.sample << ", \"hotword\": " << d.hotword;
+      if (!d.name.empty()) std::cout << ", \"name\": " << JsonString(d.name);
+      std::cout << "}\n";
+    } else {
+      std::cout << file << "\t" << time << "\t" << d.hotword;
+      if (!d.name.empty()) std::cout << "\t" << d.name;
+      std::cout << "\n";
+    }
+  }
+  // Lines go out as they are found, for callers that follow a live stream.
+  std::cout << std::flush;
+}
+
+bool DetectCommand::RunWave(const std::string& file) {
+  std::unique_ptr<WaveReader> reader;
+  try {
+    reader = std::make_unique<WaveReader>(file);
+  } catch (const KestrelError& e) {
+    Failure(e.what());  // the reader's messages start with the file name
+    return false;
+  }
+  ProgressBar progress(file, reader->NumSamples());
+  try {
+    while (size_t n = reader->Read(chunk_.data(), chunk_.size())) {
+      Print(file, detector_->Process(chunk_.data(), n), &progress);
+      progress.Update(reader->Position());
+    }
+    Print(file, detector_->Flush(), &progress);
+  } catch (const KestrelError& e) {
+    progress.Clear();
+    detector_->Reset();
+    Failure(file + ": " + e.what());
+    return false;
+  }
+  return true;
+}
+
+bool DetectCommand::RunStandardInput() {
+  const std::string label = "-";
+  ProgressBar no_progress(label, 0);
+  std::vector<unsigned char> bytes(2 * kChunkSamples);
+  size_t held = 0;  // a byte of a sample split across reads
+  try {
+    for (;;) {
+      const size_t got = std::fread(bytes.data() + held, 1, bytes.size() - held, stdin);
+      if (got == 0) break;
+      const size_t available = held + got;
+      const size_t n = available / 2;
+      for (size_t i = 0; i < n; ++i) {
+        chunk_[i] = static_cast<int16_t>(bytes[2 * i] | (bytes[2 * i + 1] << 8));
+      }
+      held = available % 2;
+      if (held) bytes[0] = bytes[available - 1];
+      Print(label, detector_->Process(chunk_.data(), n), &no_progress);
+    }
+    Print(label, detector_->Flush(), &no_progress);
+  } catch (const KestrelError& e) {
+    detector_->Reset();
+    Failure("standard input: " + std::string(e.what()));
+    return false;
+  }
+  if (std::ferror(stdin)) {
+    Failure("standard input: read error.");
+    return false;
+  }
+  if (held) {
+    Failure("standard input: ends in the middle of a sample (an odd number of bytes).");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int RunDetect(int argc, char** argv) {
+  HotwordDetectorOptions options;
+  UniversalDetectStreamOptions& d = options.detector;
+  std::string names;
+  bool json = false;
+  ArgParser parser(
+      "kestrel detect --model-str=MODELS [options] FILE.wav|- ...",
+      "Finds hotwords in WAV files (16 kHz 16-bit PCM; several channels are mixed\n"
+      "down) or, for \"-\", in raw 16 kHz 16-bit little-endian mono samples on\n"
+      "standard input. Prints one line per detection: the file, the time in\n"
+      "seconds, the hotword number and its name (if given), separated by tabs;\n"
+      "with --json, one JSON object per line. A long file shows its progress when\n"
+      "standard error is a terminal.\n\n"
+      "Exit status: 0 when every input was processed, 1 when an input or a model\n"
+      "could not be (the rest are still processed), 2 for a bad command line.");
+  parser.AddString("model-str", &d.model_str, "model files (.kmodel), comma-separated; required");
+  parser.AddString("sensitivity-str", &d.sensitivity_str,
+                   "sensitivities in [0, 1], higher detects more: one\n"
+                   "for all hotwords, one per model or one per hotword,\n"
+                   "comma-separated (default: the models' own)");
+  parser.AddString("high-sensitivity-str", &d.high_sensitivity_str,
+                   "sensitivities used for a while after a near miss,\n"
+                   "as above (default: --sensitivity-str, which turns\n"
+                   "that mode off)");
+  parser.AddInt("slide-step", &d.slide_step, "feature frames per search step");
+  parser.AddInt("min-state-frames", &d.min_state_frames,
+                "frames each unit must last in the Viterbi\nsearches");
+  parser.AddInt("num-piece-layouts", &d.num_piece_layouts,
+                "piece layouts per hotword in the piecewise\nsearch");
+  parser.AddInt("refractory-frames", &d.refractory_frames,
+                "frames after a detection in which no other\nis reported");
+  parser.AddString("smooth-window-str", &d.smooth_window_str,
+                   "posterior smoothing window in frames, one per\n"
+                   "model, comma-separated (default: the models' own)");
+  parser.AddString("slide-window-str", &d.slide_window_str,
+                   "search window in frames, one per model,\n"
+                   "comma-separated (default: the models' own)");
+  parser.AddFlag("no-order-check", &d.no_order_check,
+                 "naive search: skip its floor and unit-order tests");
+  parser.AddString("hotword-names", &names,
+                   "names to print, one per hotword in number order,\ncomma-separated");
+  parser.AddFlag("json", &json, "print JSON lines: file, time, sample, hotword,\nname");
+
+  std::vector<std::string> inputs;
+  std::string error;
+  if (!parser.Parse(argc, argv, 2, &inputs, &error)) return UsageError("detect", error);
+  if (parser.HelpRequested()) {
+    std::cout << parser.Help();
+    return kExitOk;
+  }
+  if (d.model_str.empty()) return UsageError("detect", "--model-str is required");
+  if (d.slide_step < 1) return UsageError("detect", "--slide-step must be at least 1");
+  if (inputs.empty()) return UsageError("detect", "no input: give WAV files, or - for standard input");
+  SplitStringToVector(names, global_kestrel_string_delimiter, &options.hotword_names);
+
+  std::unique_ptr<HotwordDetector> detector;
+  try {
+    detector = std::make_unique<HotwordDetector>(options);
+  } catch (const KestrelError& e) {
+    return Failure("cannot load " + d.model_str + ": " + e.what());
+  }
+  DetectCommand command(detector.get(), json);
+  bool ok = true;
+  for (const std::string& input : inputs) {
+    ok &= input == "-" ? command.RunStandardInput() : command.RunWave(input);
+  }
+  return ok ? kExitOk : kExitFailure;
+}
+
+}  // namespace kestrel
