@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <random>
 #include <vector>
@@ -222,6 +223,38 @@ TEST_F(SearchTest, PiecewiseNeedsPiecesInOrderAtAModerateGapAndVotes) {
     Show(window);
     EXPECT_EQ(det_->HotwordPiecewiseSearch(0, 0), first_unit == 0 ? 1.0f : 0.0f);  // 2 or 1 of 3
   }
+}
+
+TEST_F(SearchTest, PiecewiseMatchesAPlainScanOfPieceSearches) {
+  options_.refractory_frames = 30;
+  TestHotword hw = Hotword(4, 30, {0, 0, 0});
+  hw.num_pieces = 2;
+  std::mt19937 rng(3);
+  int fired = 0;
+  for (int trial = 0; trial < 40; ++trial) {
+    hw.sensitivity = 0.2f + 0.0125f * (trial % 40);
+    Load({hw}, 1 + trial % 3);
+    Columns window = Random(&rng, 60);
+    Show(window);
+    // Each layout scanned as described, with the public piece search.
+    int completed = 0;
+    for (const auto& layout : det_->PieceLayouts(0, 0)) {
+      size_t next = 0;
+      int last = -1;
+      for (int t = 0; t < static_cast<int>(window[0].size()); ++t) {
+        if (!(det_->HotwordViterbiSearch(0, 0, t, layout[next]) > 1 - hw.sensitivity)) continue;
+        const float gap = std::fabs(static_cast<float>(t - last));
+        if (next > 0 && !(gap < 30 && gap > 6)) continue;
+        last = t;
+        if (++next == layout.size()) next = 0, last = -1, ++completed;
+      }
+    }
+    const float vote = completed > 1 ? 1.0f : 0.0f;  // of three layouts
+    EXPECT_EQ(det_->HotwordPiecewiseSearch(0, 0), vote) << "trial " << trial;
+    fired += vote > 0;
+  }
+  EXPECT_GT(fired, 5);
+  EXPECT_LT(fired, 35);
 }
 
 TEST_F(SearchTest, DispatchReachesEverySearch) {

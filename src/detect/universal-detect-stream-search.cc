@@ -107,28 +107,34 @@ struct LockedStates {
 // predecessor's value of the previous frame.
 void RunLockedViterbi(const FrameBlock& frames, const float* floors, int32 min_state_frames,
                       const LockedStates& st) {
+  // Local copies: the flag stores could alias `st` itself, which would make
+  // the compiler reload every pointer on every state.
+  float* const score = st.score;
+  float* const peak = st.peak;
+  int32* const stay = st.stay;
+  uint8_t* const locked = st.locked;
   const int n = frames.num_states;
-  std::fill(st.locked, st.locked + n, 1);
-  std::fill(st.peak, st.peak + n, 0.0f);
-  std::fill(st.stay, st.stay + n, 0);
-  st.score[0] = 0.0f;
-  std::fill(st.score + 1, st.score + n, kUnreached);
+  std::fill(locked, locked + n, 1);
+  std::fill(peak, peak + n, 0.0f);
+  std::fill(stay, stay + n, 0);
+  score[0] = 0.0f;
+  std::fill(score + 1, score + n, kUnreached);
   for (int f = 0; f < frames.num_frames; ++f) {
     const float* row = frames.data + static_cast<size_t>(f) * frames.stride;
     for (int j = n - 1; j >= 0; --j) {
       const float v = row[j];
-      if (v > st.peak[j]) st.peak[j] = v;
-      if (j >= 1 && !st.locked[j - 1] && st.score[j] <= st.score[j - 1]) {
+      if (v > peak[j]) peak[j] = v;
+      if (j >= 1 && !locked[j - 1] && score[j] <= score[j - 1]) {
         // Entering a state locks it for its entry frame at least.
-        st.score[j] = v + st.score[j - 1];
-        st.stay[j] = 0;
-        st.peak[j] = v;
-        st.locked[j] = 1;
+        score[j] = v + score[j - 1];
+        stay[j] = 0;
+        peak[j] = v;
+        locked[j] = 1;
         continue;
       }
-      st.score[j] = v + st.score[j];
-      if (st.stay[j] < min_state_frames) ++st.stay[j];
-      if (st.stay[j] >= min_state_frames && floors[j] <= st.peak[j]) st.locked[j] = 0;
+      score[j] = v + score[j];
+      if (stay[j] < min_state_frames) ++stay[j];
+      if (stay[j] >= min_state_frames && floors[j] <= peak[j]) locked[j] = 0;
     }
   }
 }
@@ -151,20 +157,70 @@ bool PieceInsideKeyword(const UniversalDetectStream::PieceInfo& piece, size_t nu
          static_cast<size_t>(piece.end_unit) <= num_units;
 }
 
+// First window position of a piece search ending at `end_frame`. A negative
+// span searches nothing rather than frames after end_frame.
+int PieceFirstFrame(int32 end_frame, const UniversalDetectStream::PieceInfo& piece) {
+  return static_cast<int>(
+      std::clamp<int64>(static_cast<int64>(end_frame) - piece.span_frames, 0, end_frame));
+}
+
 // The piece-constrained search on gathered frames: `keyword_frames` holds all
 // units of the hotword (one column per unit) from window position 0 on. The
 // piece's floors are taken from the start of the hotword's floor list.
 float ScorePiece(const float* keyword_frames, int num_units, int32 end_frame,
                  const UniversalDetectStream::PieceInfo& piece, const float* floors,
                  int32 min_state_frames, bool search_max, const LockedStates& st) {
-  // A negative span searches nothing rather than frames after end_frame.
-  const int first = static_cast<int>(
-      std::clamp<int64>(static_cast<int64>(end_frame) - piece.span_frames, 0, end_frame));
+  const int first = PieceFirstFrame(end_frame, piece);
   const int num_states = piece.end_unit - piece.first_unit;
   FrameBlock frames{keyword_frames + static_cast<size_t>(first) * num_units + piece.first_unit,
                     num_units, end_frame - first, num_states};
   RunLockedViterbi(frames, floors, min_state_frames, st);
   return BestScore(st.score, num_states, search_max) / static_cast<float>(piece.span_frames);
+}
+
+// The piecewise search skips positions where a piece provably cannot pass,
+// by an upper bound on its score: every score the piece search keeps adds
+// exactly one posterior per frame, so none exceeds the sum of the frames'
+// largest posteriors among the piece's units. Prefix sums make each test
+// constant-time.
+//
+// Fills sums[f] (f = 0..length) with the sum of those largest posteriors over
+// positions < f, and sums[length + 1 + f] with the sum of all |posteriors|
+// of the piece's units there (bounding any path's magnitude).
+void FillPieceBoundSums(const float* keyword_frames, int num_units, int length,
+                        const UniversalDetectStream::PieceInfo& piece, double* sums) {
+  double* best_sum = sums;
+  double* magnitude_sum = sums + length + 1;
+  best_sum[0] = magnitude_sum[0] = 0.0;
+  const int num_states = piece.end_unit - piece.first_unit;
+  for (int f = 0; f < length; ++f) {
+    const float* units = keyword_frames + static_cast<size_t>(f) * num_units + piece.first_unit;
+    float best = units[0];
+    double magnitude = 0.0;
+    for (int j = 0; j < num_states; ++j) {
+      best = std::max(best, units[j]);
+      magnitude += std::fabs(units[j]);
+    }
+    best_sum[f + 1] = best_sum[f] + best;
+    magnitude_sum[f + 1] = magnitude_sum[f] + magnitude;
+  }
+}
+
+// True when the piece search ending at `end_frame` provably scores no more
+// than `threshold`. The margin covers the rounding of the double prefix sums
+// and of the search's single-precision sums and division; NaNs, infinities
+// and huge posteriors are never ruled out.
+bool PieceRuledOut(const double* sums, int length, int32 end_frame,
+                   const UniversalDetectStream::PieceInfo& piece, float threshold) {
+  const double* best_sum = sums;
+  const double* magnitude_sum = sums + length + 1;
+  if (piece.span_frames <= 0 || !(magnitude_sum[length] < 1e30)) return false;
+  const double sum_error = 2.3e-16 * (length + 1) * magnitude_sum[length];
+  const int first = PieceFirstFrame(end_frame, piece);
+  const double magnitude = magnitude_sum[end_frame] - magnitude_sum[first] + sum_error;
+  const double rounding = 2.4e-7 * (end_frame - first + 2) * magnitude + sum_error;
+  const double bound = (best_sum[end_frame] - best_sum[first] + rounding) / piece.span_frames;
+  return bound + 4.8e-7 * std::fabs(bound) < threshold;
 }
 
 }  // namespace
@@ -456,13 +512,21 @@ float UniversalDetectStream::HotwordPiecewiseSearch(int32 model_id, int32 hotwor
           return PieceInsideKeyword(p, n);
         });
     if (!searchable) continue;
+    // Bound sums of every piece of the layout, (length + 1) * 2 per piece.
+    const size_t piece_sums = 2 * (static_cast<size_t>(length) + 1);
+    double* sums = Reserve(&search_sums_, piece_sums * layout.size());
+    for (size_t p = 0; p < layout.size(); ++p) {
+      FillPieceBoundSums(block, n, length, layout[p], sums + piece_sums * p);
+    }
     // Pieces are matched strictly in order, so the matched flags are always
     // a prefix of the layout: the count of matched pieces is all it takes.
     size_t next_piece = 0;
     int32 last_frame = -1;
     for (int t = 0; t < length; ++t) {
-      const float s = ScorePiece(block, n, t, layout[next_piece], floors, options_.min_state_frames,
-                                 search_max, st);
+      const PieceInfo& piece = layout[next_piece];
+      if (PieceRuledOut(sums + piece_sums * next_piece, length, t, piece, threshold)) continue;
+      const float s =
+          ScorePiece(block, n, t, piece, floors, options_.min_state_frames, search_max, st);
       if (!(s > threshold)) continue;
       if (next_piece > 0) {
         const float d = std::fabs(static_cast<float>(t) - static_cast<float>(last_frame));

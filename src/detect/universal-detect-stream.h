@@ -255,6 +255,8 @@ class UniversalDetectStream : public StreamItf {
   mutable std::vector<float> search_floats_;
   mutable std::vector<int32> search_ints_;
   mutable std::vector<uint8_t> search_flags_;
+  // Score bounds that let the piecewise search skip hopeless piece searches:
+  mutable std::vector<double> search_sums_;
 };
 
 }  // namespace kestrel
