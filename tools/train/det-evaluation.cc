@@ -115,7 +115,7 @@ bool WriteDetPlot(const std::vector<NamedCurve>& curves, const std::string& png_
            << "set title 'Hotword detection: false rejections against false alarms'\n"
            << "set xlabel 'false alarms per hour'\n"
            << "set ylabel 'false rejection rate (%)'\n"
-           << "set xrange [0:2]\nset yrange [0:20]\nset grid\nset key top right\n"
+           << "set xrange [0:2]\nset yrange [0:*]\nset grid\nset key top right\n"
            << "plot ";
     for (size_t i = 0; i < curves.size(); ++i) {
       script << (i > 0 ? ", " : "") << "'" << data_path << "' index " << i

@@ -33,6 +33,7 @@ class TrainingFrames {
 
   int NumLabels() const { return num_labels_; }
   int InputDim() const { return splice_.OutputDim(); }
+  const Splice& GetSplice() const { return splice_; }
   const std::vector<FrameRef>& UnitFrames() const { return unit_frames_; }
   const std::vector<FrameRef>& FillerFrames() const { return filler_frames_; }
   int Label(const FrameRef& f) const { return labels_[f.clip][f.frame]; }

@@ -1,0 +1,53 @@
+// Training of a hotword network from labelled frames.
+//
+// The network is the detector's usual shape:
+//   <Splice> (left..right context) -> <AddShift>, <Rescale> (global mean and
+//   variance normalisation from the training frames) -> hidden layers of
+//   <AffineTransform> + <Relu> -> <AffineTransform> -> <Softmax>,
+// with one output per label (0 = filler, 1..U = hotword units).
+//
+// The layers after the normalisation are trained with the library's own
+// backpropagation and Adam (nnet/nnet-train.h) on class-balanced,
+// shuffled minibatches of spliced frames drawn across all clips, so the
+// trained layers are exactly those the detector runs. Progress (per epoch:
+// training loss, held-out loss and frame accuracy, time) goes to `progress`.
+#ifndef KESTREL_TOOLS_TRAIN_HOTWORD_TRAINER_H_
+#define KESTREL_TOOLS_TRAIN_HOTWORD_TRAINER_H_
+
+#include <functional>
+#include <string>
+
+#include "nnet/nnet.h"
+#include "training-frames.h"
+#include "utils/kestrel-types.h"
+
+namespace kestrel {
+
+struct HotwordTrainerOptions {
+  int32 left_context = 10;
+  int32 right_context = 5;
+  int32 hidden_dim = 128;
+  int32 hidden_layers = 3;
+  int32 epochs = 8;
+  int32 batch_size = 256;
+  float learning_rate = 0.001f;  // Adam step size; decays over the last epochs
+  // Share of filler frames in each epoch (all unit frames are used).
+  double filler_fraction = 0.6;
+  // Held-out frames scored after each epoch (unit and filler frames alike).
+  int32 max_dev_frames = 200000;
+  uint32 seed = 1;
+};
+
+// The <Splice> of the network for these options.
+Splice MakeSplice(int feature_dim, const HotwordTrainerOptions& options);
+
+// Trains a network on `train` (frames spliced as MakeSplice does), scores it
+// on `dev` (may be null) after every epoch, and returns the whole network,
+// splice and normalisation included.
+Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
+                         const HotwordTrainerOptions& options,
+                         const std::function<void(const std::string&)>& progress);
+
+}  // namespace kestrel
+
+#endif  // KESTREL_TOOLS_TRAIN_HOTWORD_TRAINER_H_
