@@ -80,8 +80,8 @@ NnetTrainer::NnetTrainer(Nnet* nnet, const NnetTrainerOptions& options)
   const int n = nnet->NumComponents();
   if (n == 0 || dynamic_cast<const Softmax*>(&nnet->GetComponent(n - 1)) == nullptr) {
     KESTREL_ERR(kLogFile) << "NnetTrainer: the network must end in <Softmax>, its last "
-                          << "component is " << (n == 0 ? "missing" : nnet->GetComponent(n - 1).Token())
-                          << ".";
+                          << "component is "
+                          << (n == 0 ? "missing" : nnet->GetComponent(n - 1).Token()) << ".";
   }
   for (int i = 0; i < n; ++i) {
     if (dynamic_cast<const Splice*>(&nnet->GetComponent(i)) != nullptr) first_trained_ = i + 1;
