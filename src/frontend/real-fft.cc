@@ -1,6 +1,7 @@
 #include "frontend/real-fft.h"
 
 #include <cmath>
+#include <utility>
 
 #include "utils/kestrel-log.h"
 
@@ -21,29 +22,43 @@ RealFft::RealFft(int size) : size_(size) {
     }
     bit_reverse_[i] = reversed;
   }
-  twiddles_.resize(half);
+  cos_.resize(half);
+  sin_.resize(half);
   const double pi = std::acos(-1.0);
   for (int k = 0; k < half; ++k) {
-    twiddles_[k] = std::polar(1.0, -2.0 * pi * k / size);
+    cos_[k] = std::cos(2.0 * pi * k / size);
+    sin_[k] = -std::sin(2.0 * pi * k / size);
   }
-  packed_.resize(half);
+  re_.resize(half);
+  im_.resize(half);
 }
 
-void RealFft::ComplexTransform(std::complex<double>* data) const {
+void RealFft::ComplexTransform() {
   const int n = size_ / 2;
+  double* re = re_.data();
+  double* im = im_.data();
   for (int i = 0; i < n; ++i) {
-    if (i < bit_reverse_[i]) std::swap(data[i], data[bit_reverse_[i]]);
+    const int j = bit_reverse_[i];
+    if (i < j) {
+      std::swap(re[i], re[j]);
+      std::swap(im[i], im[j]);
+    }
   }
   for (int len = 2; len <= n; len <<= 1) {
-    // exp(-2 pi i j / len) is twiddles_[j * size_ / len].
+    // exp(-2 pi i j / len) is entry j * size_ / len of the tables.
     const int step = size_ / len;
     const int half_len = len / 2;
     for (int start = 0; start < n; start += len) {
       for (int j = 0; j < half_len; ++j) {
-        const std::complex<double> u = data[start + j];
-        const std::complex<double> v = data[start + j + half_len] * twiddles_[j * step];
-        data[start + j] = u + v;
-        data[start + j + half_len] = u - v;
+        const int a = start + j;
+        const int b = a + half_len;
+        const double wr = cos_[j * step], wi = sin_[j * step];
+        const double vr = re[b] * wr - im[b] * wi;
+        const double vi = re[b] * wi + im[b] * wr;
+        re[b] = re[a] - vr;
+        im[b] = im[a] - vi;
+        re[a] += vr;
+        im[a] += vi;
       }
     }
   }
@@ -51,20 +66,26 @@ void RealFft::ComplexTransform(std::complex<double>* data) const {
 
 void RealFft::PowerSpectrum(const double* signal, double* power) {
   // Transform the even samples as real parts and the odd ones as imaginary
-  // parts in one half-size complex FFT, then separate the two spectra.
+  // parts in one half-size complex FFT, then separate the two spectra:
+  // with Z the packed transform and Z*[k] = conj(Z[half - k]),
+  // X[k] = (Z[k] + Z*[k]) / 2 - i/2 (Z[k] - Z*[k]) exp(-2 pi i k / size).
   const int half = size_ / 2;
   for (int i = 0; i < half; ++i) {
-    packed_[i] = std::complex<double>(signal[2 * i], signal[2 * i + 1]);
+    re_[i] = signal[2 * i];
+    im_[i] = signal[2 * i + 1];
   }
-  ComplexTransform(packed_.data());
-  const std::complex<double> minus_half_i(0.0, -0.5);
+  ComplexTransform();
   for (int k = 0; k <= half; ++k) {
-    const std::complex<double> z = packed_[k % half];
-    const std::complex<double> z_mirror = std::conj(packed_[(half - k) % half]);
-    const std::complex<double> even = 0.5 * (z + z_mirror);
-    const std::complex<double> odd = minus_half_i * (z - z_mirror);
-    const std::complex<double> twiddle = k < half ? twiddles_[k] : std::complex<double>(-1.0, 0.0);
-    power[k] = std::norm(even + twiddle * odd);
+    const int a = k % half, b = (half - k) % half;
+    const double even_re = 0.5 * (re_[a] + re_[b]);
+    const double even_im = 0.5 * (im_[a] - im_[b]);
+    const double odd_re = 0.5 * (im_[a] + im_[b]);
+    const double odd_im = -0.5 * (re_[a] - re_[b]);
+    const double wr = k < half ? cos_[k] : -1.0;
+    const double wi = k < half ? sin_[k] : 0.0;
+    const double x_re = even_re + odd_re * wr - odd_im * wi;
+    const double x_im = even_im + odd_re * wi + odd_im * wr;
+    power[k] = x_re * x_re + x_im * x_im;
   }
 }
 

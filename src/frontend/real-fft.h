@@ -7,7 +7,6 @@
 #ifndef KESTREL_FRONTEND_REAL_FFT_H_
 #define KESTREL_FRONTEND_REAL_FFT_H_
 
-#include <complex>
 #include <vector>
 
 namespace kestrel {
@@ -24,13 +23,17 @@ class RealFft {
   void PowerSpectrum(const double* signal, double* power);
 
  private:
-  // In-place complex transform of size_ / 2 points.
-  void ComplexTransform(std::complex<double>* data) const;
+  // In-place complex transform of the size_ / 2 points in re_, im_.
+  void ComplexTransform();
 
   int size_;
-  std::vector<int> bit_reverse_;                 // permutation for size_ / 2 points
-  std::vector<std::complex<double>> twiddles_;   // exp(-2 pi i k / size_), k < size_ / 2
-  std::vector<std::complex<double>> packed_;     // scratch: even + i * odd samples
+  std::vector<int> bit_reverse_;  // permutation of size_ / 2 points
+  // exp(-2 pi i k / size_) for k < size_ / 2, as real and imaginary parts.
+  std::vector<double> cos_, sin_;
+  // Scratch: the even samples as real parts, the odd ones as imaginary
+  // parts. Kept as two arrays: with interleaved std::complex values the
+  // compiler's scalar stores and vector loads stall each other.
+  std::vector<double> re_, im_;
 };
 
 }  // namespace kestrel
