@@ -29,37 +29,50 @@ std::unique_ptr<Component> RandomAffine(int input_dim, int output_dim, bool relu
   return std::make_unique<AffineTransform>(weights, bias);
 }
 
-Nnet InitialNetwork(const TrainingFrames& train, const Splice& splice,
-                    const HotwordTrainerOptions& options, std::mt19937* rng) {
+// The normalisation of the spliced features: x -> (x - mean) / stddev, as
+// an <AddShift> and a <Rescale>, from the raw features' statistics.
+void NormalisationOf(const TrainingFrames& train, Vector* shift, Vector* scale) {
   std::vector<double> mean, stddev;
   train.FeatureStats(&mean, &stddev);
-  const int dim = splice.OutputDim();
-  const int feature_dim = splice.InputDim();
-  Vector shift(dim), scale(dim);
+  const int dim = train.InputDim();
+  const int feature_dim = static_cast<int>(mean.size());
+  shift->Resize(dim);
+  scale->Resize(dim);
   for (int i = 0; i < dim; ++i) {
-    shift(i) = static_cast<float>(-mean[i % feature_dim]);
-    scale(i) = static_cast<float>(1.0 / stddev[i % feature_dim]);
+    (*shift)(i) = static_cast<float>(-mean[i % feature_dim]);
+    (*scale)(i) = static_cast<float>(1.0 / stddev[i % feature_dim]);
   }
+}
+
+// The trained layers: hidden ReLU layers and the softmax output.
+Nnet InitialLayers(int input_dim, int num_outputs, const HotwordTrainerOptions& options,
+                   std::mt19937* rng) {
   Nnet nnet;
-  nnet.AppendComponent(splice.Copy());
-  nnet.AppendComponent(std::make_unique<AddShift>(shift));
-  nnet.AppendComponent(std::make_unique<Rescale>(scale));
-  int in = dim;
+  int in = input_dim;
   for (int layer = 0; layer < options.hidden_layers; ++layer) {
     nnet.AppendComponent(RandomAffine(in, options.hidden_dim, true, rng));
     nnet.AppendComponent(std::make_unique<Relu>(options.hidden_dim));
     in = options.hidden_dim;
   }
-  nnet.AppendComponent(RandomAffine(in, train.NumLabels(), false, rng));
-  nnet.AppendComponent(std::make_unique<Softmax>(train.NumLabels()));
+  nnet.AppendComponent(RandomAffine(in, num_outputs, false, rng));
+  nnet.AppendComponent(std::make_unique<Softmax>(num_outputs));
   return nnet;
+}
+
+// Normalises minibatch rows in place, as the network's <AddShift> and
+// <Rescale> will.
+void Normalise(const Vector& shift, const Vector& scale, Matrix* rows) {
+  for (int r = 0; r < rows->NumRows(); ++r) {
+    float* x = rows->RowData(r);
+    for (int c = 0; c < rows->NumCols(); ++c) x[c] = (x[c] + shift(c)) * scale(c);
+  }
 }
 
 // Loss and accuracy over at most `max_frames` held-out frames, unit and
 // filler frames in their natural proportion, plus the accuracy on the unit
 // frames alone (which the overall figure hides: filler dominates).
-std::string DevScore(const NnetTrainer& trainer, const TrainingFrames& dev, int max_frames,
-                     int batch_size) {
+std::string DevScore(const NnetTrainer& trainer, const TrainingFrames& dev, const Vector& shift,
+                     const Vector& scale, int max_frames, int batch_size) {
   std::mt19937 rng(7);  // the same frames after every epoch
   std::vector<FrameRef> frames = dev.EpochFrames(1.0, &rng);
   if (frames.size() > static_cast<size_t>(max_frames)) frames.resize(max_frames);
@@ -70,6 +83,7 @@ std::string DevScore(const NnetTrainer& trainer, const TrainingFrames& dev, int 
   for (size_t first = 0; first < frames.size(); first += batch_size) {
     size_t n = std::min(frames.size() - first, static_cast<size_t>(batch_size));
     dev.MakeBatch(frames, first, n, &rows, &labels);
+    Normalise(shift, scale, &rows);
     float accuracy = 0.0f;
     loss += trainer.ComputeLoss(rows, labels, &accuracy) * n;
     correct += accuracy * n;
@@ -104,7 +118,12 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
                          const HotwordTrainerOptions& options,
                          const std::function<void(const std::string&)>& progress) {
   std::mt19937 rng(options.seed);
-  Nnet nnet = InitialNetwork(train, train.GetSplice(), options, &rng);
+  // The layers are trained on normalised rows, without the splice and
+  // normalisation in front: the trainer then has no input gradient to
+  // propagate below the first layer. They are joined after training.
+  Vector shift, scale;
+  NormalisationOf(train, &shift, &scale);
+  Nnet layers = InitialLayers(train.InputDim(), train.NumLabels(), options, &rng);
   Matrix rows;
   std::vector<int32> labels;
   std::unique_ptr<NnetTrainer> trainer;
@@ -120,7 +139,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       rate = epoch_rate;
       NnetTrainerOptions trainer_options;
       trainer_options.adam.learning_rate = rate;
-      trainer = std::make_unique<NnetTrainer>(&nnet, trainer_options);
+      trainer = std::make_unique<NnetTrainer>(&layers, trainer_options);
     }
     std::vector<FrameRef> frames = train.EpochFrames(options.filler_fraction, &rng);
     double loss = 0.0;
@@ -128,6 +147,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
     for (size_t first = 0; first < frames.size(); first += options.batch_size) {
       size_t n = std::min(frames.size() - first, static_cast<size_t>(options.batch_size));
       train.MakeBatch(frames, first, n, &rows, &labels);
+      Normalise(shift, scale, &rows);
       loss += trainer->TrainOnBatch(rows, labels) * n;
       done += n;
     }
@@ -137,13 +157,18 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       line.precision(3);
       line << "epoch " << epoch << "/" << options.epochs << ": " << done << " frames, train loss "
            << loss / std::max<size_t>(1, done);
-      if (dev != nullptr) line << ", " << DevScore(*trainer, *dev, options.max_dev_frames, 1024);
+      if (dev != nullptr) line << ", " << DevScore(*trainer, *dev, shift, scale, options.max_dev_frames, 1024);
       double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
       line.precision(0);
       line << " (" << seconds << " s)";
       progress(line.str());
     }
   }
+  Nnet nnet;
+  nnet.AppendComponent(train.GetSplice().Copy());
+  nnet.AppendComponent(std::make_unique<AddShift>(shift));
+  nnet.AppendComponent(std::make_unique<Rescale>(scale));
+  for (int i = 0; i < layers.NumComponents(); ++i) nnet.AppendComponent(layers.GetComponent(i).Copy());
   return nnet;
 }
 

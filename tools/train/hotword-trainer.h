@@ -28,11 +28,11 @@ struct HotwordTrainerOptions {
   int32 right_context = 5;
   int32 hidden_dim = 128;
   int32 hidden_layers = 3;
-  int32 epochs = 8;
+  int32 epochs = 6;
   int32 batch_size = 256;
   float learning_rate = 0.001f;  // Adam step size; decays over the last epochs
   // Share of filler frames in each epoch (all unit frames are used).
-  double filler_fraction = 0.6;
+  double filler_fraction = 0.5;
   // Held-out frames scored after each epoch (unit and filler frames alike).
   int32 max_dev_frames = 200000;
   uint32 seed = 1;
