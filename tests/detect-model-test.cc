@@ -2,7 +2,7 @@
 // settings, through the stage's public interface.
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <cctype>
 
 #include "detect-test-util.h"
 #include "test-log-capture.h"
@@ -30,7 +30,13 @@ std::string WrittenText(const UniversalDetectStream& det, const TestDir& dir) {
   det.WriteHotwordModel(false, JoinModelPaths(paths));
   std::string text;
   for (const std::string& path : paths) text += ReadFileBytes(path);
-  return std::regex_replace(text, std::regex("\\s+"), " ");
+  std::string collapsed;
+  for (char c : text) {
+    const bool space = std::isspace(static_cast<unsigned char>(c));
+    if (!space) collapsed += c;
+    else if (!collapsed.empty() && collapsed.back() != ' ') collapsed += ' ';
+  }
+  return collapsed;
 }
 
 TEST(DetectConstructionTest, BadOptionsFailWithTheirFixedOrigin) {
