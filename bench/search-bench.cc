@@ -1,8 +1,9 @@
 // Cost of one search step of each Viterbi-family search, for a representative
 // hotword: 8 units, a span of 150 frames, minimum stay 5, floors 0.1, three
-// pieces in three layouts, over a full 200-frame window holding a spoken
-// instance of the hotword. The searches run once per slide step per hotword,
-// so the time per call is the cost per step.
+// pieces in three layouts, over a full 200-frame window that holds either a
+// spoken instance of the hotword or filler only (what most steps see). The
+// searches run once per slide step per hotword, so the time per call is the
+// cost per step.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -52,15 +53,15 @@ std::string ModelText() {
   return os.str();
 }
 
-// Filler, then units 0-7 about 15 frames each, then filler again; the
-// dominant output holds 0.6 to 0.9 and the rest share what is left.
-Matrix SpokenWindow() {
+// Filler, then (if `spoken`) units 0-7 about 15 frames each, then filler
+// again; the dominant output holds 0.6 to 0.9 and the rest share what is left.
+Matrix Window(bool spoken) {
   std::mt19937 rng(5);
   std::uniform_real_distribution<float> uniform(0.0f, 1.0f);
   Matrix rows(kWindow, kOutputs);
   for (int f = 0; f < kWindow; ++f) {
-    const int spoken = f - 40;
-    const int dominant = spoken >= 0 && spoken < kUnits * 15 ? spoken / 15 : kUnits;
+    const int unit = f - 40;
+    const int dominant = spoken && unit >= 0 && unit < kUnits * 15 ? unit / 15 : kUnits;
     const float peak = 0.6f + 0.3f * uniform(rng);
     for (int c = 0; c < kOutputs; ++c) {
       rows(f, c) = c == dominant ? peak : (1.0f - peak) * uniform(rng) / (kOutputs - 1);
@@ -69,24 +70,29 @@ Matrix SpokenWindow() {
   return rows;
 }
 
-// One detector with a full window, shared by every benchmark.
-UniversalDetectStream& Detector() {
-  static std::unique_ptr<UniversalDetectStream> detector = [] {
-    const std::string path =
-        (std::filesystem::temp_directory_path() / "kestrel-search-bench.kmodel").string();
-    std::ofstream(path) << ModelText();
-    UniversalDetectStreamOptions options;
-    options.model_str = path;
-    auto made = std::make_unique<UniversalDetectStream>(options);
-    std::filesystem::remove(path);
-    made->PushSlideWindow(0, SpokenWindow());
-    return made;
-  }();
-  return *detector;
+// A detector holding the model, its window filled with Window(spoken).
+std::unique_ptr<UniversalDetectStream> MakeDetector(bool spoken) {
+  const std::string path =
+      (std::filesystem::temp_directory_path() / "kestrel-search-bench.kmodel").string();
+  std::ofstream(path) << ModelText();
+  UniversalDetectStreamOptions options;
+  options.model_str = path;
+  auto made = std::make_unique<UniversalDetectStream>(options);
+  std::filesystem::remove(path);
+  made->PushSlideWindow(0, Window(spoken));
+  return made;
+}
+
+// Two detectors with full windows, shared by every benchmark.
+UniversalDetectStream& Detector(bool spoken) {
+  static std::unique_ptr<UniversalDetectStream> detectors[] = {MakeDetector(false),
+                                                               MakeDetector(true)};
+  return *detectors[spoken];
 }
 
 void BM_Search(benchmark::State& state) {
-  UniversalDetectStream& detector = Detector();
+  const bool spoken = state.range(1) != 0;
+  UniversalDetectStream& detector = Detector(spoken);
   const int hotword = static_cast<int>(state.range(0));
   float score = 0.0f;
   int32 frame_id = 0;
@@ -95,15 +101,16 @@ void BM_Search(benchmark::State& state) {
     score = detector.GetHotwordPosterior(0, hotword, frame_id += 2 * kSpan);
     benchmark::DoNotOptimize(score);
   }
-  state.SetLabel("method " + std::to_string(kMethods[hotword]) + ", score " +
-                 std::to_string(score));
+  state.SetLabel("method " + std::to_string(kMethods[hotword]) +
+                 (spoken ? ", spoken" : ", filler") + ", score " + std::to_string(score));
 }
-BENCHMARK(BM_Search)->DenseRange(0, std::size(kMethods) - 1);
+BENCHMARK(BM_Search)->ArgsProduct({benchmark::CreateDenseRange(0, std::size(kMethods) - 1, 1),
+                                   {0, 1}});
 
 // A whole step at a slide step of one frame: push a frame, score all six.
 void BM_StepAllSearches(benchmark::State& state) {
-  UniversalDetectStream& detector = Detector();
-  const Matrix window = SpokenWindow();
+  UniversalDetectStream& detector = Detector(true);
+  const Matrix window = Window(true);
   int f = 0;
   int32 frame_id = 0;
   for (auto _ : state) {
