@@ -81,12 +81,12 @@ class ScanTest : public ::testing::Test {
 
   // Three outputs (filler, unit 1, unit 2); the units light up in order at
   // frames [start, start + 20) and [start + 20, start + 40) of the clip.
-  static Matrix Posteriors(int frames, int start) {
+  static Matrix Posteriors(int frames, int start, float peak = 0.9f) {
     Matrix m(frames, 3);
     for (int t = 0; t < frames; ++t) {
       int label = (t >= start && t < start + 20) ? 1 : (t >= start + 20 && t < start + 40) ? 2 : 0;
-      m(t, label) = 0.9f;
-      m(t, (label + 1) % 3) = 0.1f;
+      m(t, label) = peak;
+      m(t, (label + 1) % 3) = 1.0f - peak;
     }
     return m;
   }
@@ -117,6 +117,40 @@ TEST_F(ScanTest, DetectsThePatternAtItsEndInEveryClipIndependently) {
   std::vector<std::vector<int>> none = ScanDetections(posteriors, settings, options, dir_.string(), 2);
   EXPECT_TRUE(none[0].empty() && none[1].empty());
   EXPECT_TRUE(std::filesystem::is_empty(dir_));
+}
+
+TEST_F(ScanTest, TuningFindsTheSensitivityBetweenHotwordsAndLookalikes) {
+  // Four positives with a strong pattern, one negative with a weak one.
+  FeatureSet posteriors;
+  std::vector<CorpusClip> clips;
+  for (int i = 0; i < 4; ++i) {
+    posteriors.Append(Posteriors(200, 50 + 10 * i));
+    clips.push_back(Clip(ClipKind::kPositive, 2.0, 0.5 + 0.1 * i, 0.9 + 0.1 * i));
+  }
+  posteriors.Append(Posteriors(200, 50, 0.55f));
+  clips.push_back(Clip(ClipKind::kNegative, 2.0));
+  SearchTuningOptions options;
+  options.methods = {3, 7};
+  options.smooth_windows = {1};
+  options.span_factors = {1.0};
+  options.floors = {0.05f};
+  options.max_false_alarms_per_hour = 0.0;
+  options.scratch_dir = dir_.string();
+  std::vector<std::string> lines;
+  std::vector<TunedSearch> tuned = TuneSearchMethods(
+      clips, posteriors, {0.2, 0.2}, options, [&lines](const std::string& l) { lines.push_back(l); });
+  ASSERT_EQ(tuned.size(), 2u);
+  EXPECT_EQ(lines.size(), 2u);
+  for (const TunedSearch& t : tuned) {
+    EXPECT_EQ(t.settings.slide_window, 40);  // the mean hotword length
+    EXPECT_EQ(t.point.detected, 4);
+    EXPECT_EQ(t.point.false_alarms, 0);
+    // The Viterbi path scores 0.9 on the hotwords and 0.55 on the lookalike.
+    const float s = t.settings.hotwords[0].sensitivity;
+    EXPECT_GT(1.0f - s, 0.55f - 0.02f);
+    EXPECT_LT(1.0f - s, 0.9f);
+  }
+  EXPECT_EQ(tuned[BestTunedSearch(tuned)].point.detected, 4);
 }
 
 TEST_F(ScanTest, ModelFilesRoundTripThroughTheWriterAndReader) {

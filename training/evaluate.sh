@@ -1,0 +1,35 @@
+#!/bin/sh
+# Measures the bundled model on the held-out test split (Festival voices and
+# eSpeak voices never used in training, 10 dB SNR, over two hours of
+# negative audio), compares the search methods, and writes the report and
+# the DET picture into docs/.
+#
+# Environment overrides: BUILD, CORPUS, JOBS, MODEL (as in
+# train-default-model.sh), REPORT (default: docs/accuracy-test.md),
+# DET (default: docs/det.png).
+set -eu
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+BUILD=${BUILD:-$ROOT/build}
+CORPUS=${CORPUS:-$ROOT/training/corpus}
+JOBS=${JOBS:-2}
+MODEL=${MODEL:-$ROOT/models/hey-kestrel.kmodel}
+REPORT=${REPORT:-$ROOT/docs/accuracy-test.md}
+DET=${DET:-$ROOT/docs/det.png}
+
+if ! command -v gnuplot >/dev/null 2>&1; then
+    SUDO=""
+    [ "$(id -u)" -ne 0 ] && SUDO="sudo"
+    $SUDO apt-get install -y -qq --no-install-recommends gnuplot-nox >/dev/null
+fi
+cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build "$BUILD" -j"$JOBS" --target kestrel-cli
+
+if [ ! -f "$CORPUS/test.jsonl" ]; then
+    "$ROOT/training/make-corpus.py" --out "$CORPUS" --splits test --jobs "$JOBS"
+fi
+if [ ! -f "$CORPUS/dev.jsonl" ]; then
+    "$ROOT/training/make-corpus.py" --out "$CORPUS" --splits dev --dev-hours 1.0 --jobs "$JOBS"
+fi
+
+"$BUILD/tools/kestrel" evaluate --corpus "$CORPUS" --split test --tune-split dev \
+    --methods 1,2,3,6,7,8 --threads "$JOBS" --report "$REPORT" --det "$DET" "$MODEL"
