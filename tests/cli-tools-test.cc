@@ -21,7 +21,7 @@ TEST(KestrelCommandTest, HelpNamesTheCommandsAndMistakesExitWithTwo) {
   EXPECT_EQ(0, result.status);
   for (const char* command : {"detect", "info", "convert", "features"}) {
     EXPECT_NE(std::string::npos, result.out.find("\n  " + std::string(command) + " ")) << command;
-    EXPECT_EQ(0, RunKestrel(std::string(command) + " --help").status) << command;
+    EXPECT_EQ(0u, RunKestrel(std::string(command) + " --help").out.find("usage: kestrel "));
   }
   EXPECT_EQ(2, RunKestrel("").status);
   result = RunKestrel("frobnicate");
@@ -32,22 +32,19 @@ TEST(KestrelCommandTest, HelpNamesTheCommandsAndMistakesExitWithTwo) {
 TEST(KestrelCommandTest, InfoShowsHotwordsSettingsAndNetwork) {
   const std::string model = TempPath("info.kmodel");
   WriteToneModel(model, 0.25f);
-  const CommandResult result = RunKestrel("info " + Quoted(model) + " " + Quoted(model));
+  CommandResult result = RunKestrel("info " + Quoted(model));
   EXPECT_EQ(0, result.status) << result.err;
-  const std::string expected_model =
-      "  windows: smoothing 3 frames (0.03 s), search 100 frames (1 s)\n"
-      "  hotword %d: units [1 2], sensitivity 0.25, search 1 (naive)\n"
-      "  network: 40 inputs, 3 outputs, 3 components\n"
-      "    1 <Splice> 40 -> 80, offsets [0 30]\n"
-      "    2 <AffineTransform> 80 -> 3, 243 parameters\n"
-      "    3 <Softmax> 3 -> 3\n";
-  std::string expected;
-  for (int hotword : {1, 2}) {  // numbered across models, as detect numbers them
-    char text[512];
-    std::snprintf(text, sizeof(text), expected_model.c_str(), hotword);
-    expected += model + "\n" + text;
-  }
-  EXPECT_EQ(expected, result.out);
+  EXPECT_EQ(model + "\n"
+                "  windows: smoothing 3 frames (0.03 s), search 100 frames (1 s)\n"
+                "  hotword 1: units [1 2], sensitivity 0.25, search 1 (naive)\n"
+                "  network: 40 inputs, 3 outputs, 3 components\n"
+                "    1 <Splice> 40 -> 80, offsets [0 30]\n"
+                "    2 <AffineTransform> 80 -> 3, 243 parameters\n"
+                "    3 <Softmax> 3 -> 3\n",
+            result.out);
+  // Hotwords are numbered across models, as detect numbers them.
+  result = RunKestrel("info " + Quoted(model) + " " + Quoted(model));
+  EXPECT_NE(std::string::npos, result.out.find("  hotword 2: units [1 2]"));
   EXPECT_EQ(1, RunKestrel("info " + Quoted(TempPath("absent.kmodel"))).status);
 }
 

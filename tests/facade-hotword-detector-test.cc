@@ -13,77 +13,64 @@
 namespace kestrel {
 namespace {
 
+// Runs `audio` through in chunks of the sizes given (cycled), then flushes.
+std::vector<Detection> RunStream(HotwordDetector* detector, const std::vector<int16_t>& audio,
+                           const std::vector<size_t>& chunks = {1u << 30}) {
+  std::vector<Detection> all;
+  for (size_t at = 0, i = 0; at < audio.size(); ++i) {
+    const size_t n = std::min(chunks[i % chunks.size()], audio.size() - at);
+    for (const Detection& d : detector->Process(audio.data() + at, n)) all.push_back(d);
+    at += n;
+  }
+  for (const Detection& d : detector->Flush()) all.push_back(d);
+  return all;
+}
+
 class HotwordDetectorTest : public testing::Test {
  protected:
   void SetUp() override {
-    model_ = TempPath("tone.kmodel");
     WriteToneModel(model_);
     options_.detector.model_str = model_;
     options_.hotword_names = {"whistle"};
   }
-
-  // Runs `audio` through in chunks of the sizes given (cycled), then flushes.
-  std::vector<Detection> Run(HotwordDetector* detector, const std::vector<int16_t>& audio,
-                             const std::vector<size_t>& chunks) {
-    std::vector<Detection> all;
-    size_t at = 0;
-    for (size_t i = 0; at < audio.size(); ++i) {
-      const size_t n = std::min(chunks[i % chunks.size()], audio.size() - at);
-      for (const Detection& d : detector->Process(audio.data() + at, n)) all.push_back(d);
-      at += n;
-    }
-    for (const Detection& d : detector->Flush()) all.push_back(d);
-    return all;
-  }
-
-  std::vector<double> Times(const std::vector<int16_t>& audio) {
+  size_t Count(const std::vector<int16_t>& audio) {
     HotwordDetector detector(options_);
-    std::vector<double> times;
-    for (const Detection& d : Run(&detector, audio, {audio.size()})) times.push_back(d.seconds);
-    return times;
+    return RunStream(&detector, audio).size();
   }
 
-  std::string model_;
+  const std::string model_ = TempPath("tone.kmodel");
   HotwordDetectorOptions options_;
 };
 
-TEST_F(HotwordDetectorTest, ReportsEachWhistleWhereItsSecondToneBegins) {
-  const std::vector<int16_t> audio = WhistleAudio(8.0, {1.0, 4.5});
+TEST_F(HotwordDetectorTest, ReportsEachWhistleWhereItsSecondToneBeginsHoweverChunked) {
+  const std::vector<int16_t> audio = WhistleAudio(6.0, {1.0, 4.5});
   HotwordDetector detector(options_);
-  const std::vector<Detection> found = Run(&detector, audio, {audio.size()});
+  const std::vector<Detection> found = RunStream(&detector, audio);
   ASSERT_EQ(2u, found.size());
   const double second_tone[2] = {1.3, 4.8};
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(1, found[i].hotword);
     EXPECT_EQ("whistle", found[i].name);
     EXPECT_EQ(found[i].sample, static_cast<int64>(found[i].seconds * 16000 + 0.5));
-    EXPECT_GE(found[i].seconds, second_tone[i] - 0.03);
-    EXPECT_LE(found[i].seconds, second_tone[i] + 0.1);
+    EXPECT_NEAR(second_tone[i] + 0.03, found[i].seconds, 0.05);
   }
-}
-
-TEST_F(HotwordDetectorTest, DetectionsDoNotDependOnChunkSizes) {
-  const std::vector<int16_t> audio = WhistleAudio(4.0, {0.5, 2.4});
-  HotwordDetector reference(options_);
-  const std::vector<Detection> expected = Run(&reference, audio, {audio.size()});
-  ASSERT_EQ(2u, expected.size());
   std::mt19937 rng(5);
   std::vector<size_t> random_chunks(50);
-  for (size_t& n : random_chunks) n = std::uniform_int_distribution<size_t>(0, 5000)(rng);
+  for (size_t& n : random_chunks) n = std::uniform_int_distribution<size_t>(1, 5000)(rng);
   for (const auto& chunks : {std::vector<size_t>{1}, std::vector<size_t>{159, 1601}, random_chunks}) {
-    HotwordDetector detector(options_);
-    const std::vector<Detection> found = Run(&detector, audio, chunks);
-    ASSERT_EQ(expected.size(), found.size()) << "first chunk " << chunks[0];
-    for (size_t i = 0; i < found.size(); ++i) EXPECT_EQ(expected[i].sample, found[i].sample);
+    HotwordDetector chunked(options_);
+    const std::vector<Detection> again = RunStream(&chunked, audio, chunks);
+    ASSERT_EQ(2u, again.size()) << "first chunk " << chunks[0];
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(found[i].sample, again[i].sample);
   }
 }
 
 TEST_F(HotwordDetectorTest, IgnoresNoiseAndTheTonesInReverseOrder) {
-  EXPECT_TRUE(Times(Noise(5 * 16000, 500, 9)).empty());
+  EXPECT_EQ(0u, Count(Noise(5 * 16000, 500, 9)));
   std::vector<int16_t> reversed = Noise(3 * 16000, 500, 2);
   AddTone(&reversed, kWhistleSecondHz, 6000, 16000, 4800);
   AddTone(&reversed, kWhistleFirstHz, 6000, 16000 + 4800, 4800);
-  EXPECT_TRUE(Times(reversed).empty());
+  EXPECT_EQ(0u, Count(reversed));
 }
 
 TEST_F(HotwordDetectorTest, FlushFindsAWhistleAtTheEndAndStartsANewStream) {
@@ -93,7 +80,8 @@ TEST_F(HotwordDetectorTest, FlushFindsAWhistleAtTheEndAndStartsANewStream) {
   EXPECT_TRUE(detector.Process(audio.data(), audio.size()).empty());
   const std::vector<Detection> at_end = detector.Flush();
   ASSERT_EQ(1u, at_end.size());
-  // The same audio again is a new stream: same position, not 2 s later.
+  // The same audio again is a new stream: same position, not 2 s later, and
+  // not lost to the refractory time of the first detection.
   EXPECT_TRUE(detector.Process(audio.data(), audio.size()).empty());
   const std::vector<Detection> again = detector.Flush();
   ASSERT_EQ(1u, again.size());
@@ -105,9 +93,9 @@ TEST_F(HotwordDetectorTest, SensitivityPassesThroughToTheDetector) {
   HotwordDetector detector(options_);
   detector.SetSensitivity("0");  // a score would have to reach 1
   EXPECT_EQ("0", detector.GetSensitivity());
-  EXPECT_TRUE(Run(&detector, audio, {audio.size()}).empty());
+  EXPECT_TRUE(RunStream(&detector, audio).empty());
   detector.SetSensitivity("0.5");
-  EXPECT_EQ(1u, Run(&detector, audio, {audio.size()}).size());
+  EXPECT_EQ(1u, RunStream(&detector, audio).size());
 }
 
 TEST_F(HotwordDetectorTest, RefusesNamesOrNetworksThatDoNotFit) {
@@ -123,9 +111,6 @@ TEST_F(HotwordDetectorTest, RefusesNamesOrNetworksThatDoNotFit) {
   EXPECT_EQ("HotwordDetector: model 2 of " + options_.detector.model_str +
                 " takes 3 features per frame; the front end gives 40.",
             KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
-  options_.detector.model_str = TempPath("missing.kmodel");
-  EXPECT_NE(std::string::npos,
-            KESTREL_ERROR_TEXT(HotwordDetector detector(options_)).find("missing.kmodel"));
 }
 
 }  // namespace

@@ -2,14 +2,11 @@
 
 #include <cmath>
 #include <complex>
-#include <random>
 #include <vector>
 
 #include "frontend/filterbank-stream.h"
 #include "frontend/pcm-source-stream.h"
-#include "frontend/real-fft.h"
 #include "test-audio.h"
-#include "test-log-capture.h"
 
 namespace kestrel {
 namespace {
@@ -147,37 +144,6 @@ TEST(FilterbankTest, FlushAndResetDropThePartialFrameButFrameIdsRunOn) {
   ASSERT_EQ(std::vector<int32>{5}, restarted.ids);
   EXPECT_EQ(next.rows[0], restarted.rows[0]);
   EXPECT_EQ(6, filterbank.NextFrameId());
-}
-
-TEST(FilterbankTest, DigitalSilenceSitsOnTheEnergyFloor) {
-  const std::vector<int16_t> silence(800, 0);
-  PcmSourceStream source;
-  FilterbankStream filterbank;
-  filterbank.Connect(&source);
-  source.Push(silence.data(), silence.size());
-  Output out;
-  ReadInto(&filterbank, &out);
-  ASSERT_EQ(3u, out.rows.size());
-  for (float v : out.rows[2]) EXPECT_FLOAT_EQ(static_cast<float>(std::log(1e-10)), v);
-}
-
-TEST(RealFftTest, PowerSpectrumMatchesDirectTransform) {
-  std::mt19937 rng(3);
-  std::uniform_real_distribution<double> dist(-1.0, 1.0);
-  for (int size : {2, 4, 8, 64, 512}) {
-    std::vector<double> signal(size), power(size / 2 + 1);
-    for (double& v : signal) v = dist(rng);
-    RealFft fft(size);
-    fft.PowerSpectrum(signal.data(), power.data());
-    for (int k = 0; k <= size / 2; ++k) {
-      std::complex<double> bin = 0.0;
-      for (int n = 0; n < size; ++n) {
-        bin += signal[n] * std::polar(1.0, -2.0 * std::acos(-1.0) * k * n / size);
-      }
-      EXPECT_NEAR(std::norm(bin), power[k], 1e-9 * size) << "size " << size << " bin " << k;
-    }
-  }
-  EXPECT_NE(std::string::npos, KESTREL_ERROR_TEXT(RealFft fft(12)).find("size 12"));
 }
 
 }  // namespace

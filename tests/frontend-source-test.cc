@@ -10,54 +10,38 @@
 namespace kestrel {
 namespace {
 
-// One Read: the samples it delivered (the matrix read row by row) and its signal.
-struct Block {
-  int signal;
-  std::vector<float> samples;
-};
+// One Read: its signal and the samples it delivered (the matrix row by row).
+using Block = std::pair<int, std::vector<float>>;
 
 Block ReadBlock(StreamItf* source) {
   Matrix data;
   std::vector<FrameInfo> info;
-  Block block;
-  block.signal = source->Read(&data, &info);
+  const int signal = source->Read(&data, &info);
   EXPECT_EQ(static_cast<size_t>(data.NumRows()), info.size());
+  std::vector<float> samples;
   for (int r = 0; r < data.NumRows(); ++r) {
-    block.samples.insert(block.samples.end(), data.RowData(r), data.RowData(r) + data.NumCols());
+    samples.insert(samples.end(), data.RowData(r), data.RowData(r) + data.NumCols());
   }
-  return block;
+  return {signal, samples};
 }
 
 TEST(PcmSourceTest, DeliversPushedSamplesInCappedBlocksThenFlushesAndEnds) {
   PcmSourceStream source(4);
-  EXPECT_EQ(0, ReadBlock(&source).signal);  // nothing yet: no data, no signal
+  EXPECT_EQ(Block(0, {}), ReadBlock(&source));  // nothing pending: no data, no signal
   const std::vector<int16_t> samples = {1, -2, 3, -4, 5, -32768};
   source.Push(samples.data(), 6);
-  Block first = ReadBlock(&source);
-  EXPECT_EQ(0, first.signal);
-  EXPECT_EQ((std::vector<float>{1, -2, 3, -4}), first.samples);
+  EXPECT_EQ(Block(0, {1, -2, 3, -4}), ReadBlock(&source));
   source.MarkEnd();
-  Block last = ReadBlock(&source);
-  EXPECT_EQ(kSignalFlush, last.signal);
-  EXPECT_EQ((std::vector<float>{5, -32768}), last.samples);
-  Block after = ReadBlock(&source);
-  EXPECT_EQ(kSignalEnd, after.signal);
-  EXPECT_TRUE(after.samples.empty());
-
+  EXPECT_EQ(Block(kSignalFlush, {5, -32768}), ReadBlock(&source));
+  EXPECT_EQ(Block(kSignalEnd, {}), ReadBlock(&source));
   EXPECT_EQ("PcmSourceStream: samples pushed after the end of the stream; call Reset() first.",
             KESTREL_ERROR_TEXT(source.Push(samples.data(), 1)));
-  source.Reset();
-  source.Push(samples.data(), 1);
-  EXPECT_EQ(std::vector<float>{1}, ReadBlock(&source).samples);
-}
 
-TEST(PcmSourceTest, EndWithNothingPendingFlushesAnEmptyBlock) {
-  PcmSourceStream source;
+  // After a reset, an end with nothing pending still flushes, with no data.
+  source.Reset();
   source.MarkEnd();
-  Block block = ReadBlock(&source);
-  EXPECT_EQ(kSignalFlush, block.signal);
-  EXPECT_TRUE(block.samples.empty());
-  EXPECT_EQ(kSignalEnd, ReadBlock(&source).signal);
+  EXPECT_EQ(Block(kSignalFlush, {}), ReadBlock(&source));
+  EXPECT_EQ(Block(kSignalEnd, {}), ReadBlock(&source));
 }
 
 TEST(WaveSourceTest, DeliversTheFileLikeAPushedStreamAndRewindsOnReset) {
@@ -65,19 +49,13 @@ TEST(WaveSourceTest, DeliversTheFileLikeAPushedStreamAndRewindsOnReset) {
   const std::string path = TempPath("source.wav");
   WriteWave(path, samples);
   WaveSourceStream source(path, 4);
-  std::vector<int> signals;
-  std::vector<float> delivered;
-  for (int i = 0; i < 4; ++i) {
-    Block block = ReadBlock(&source);
-    signals.push_back(block.signal);
-    delivered.insert(delivered.end(), block.samples.begin(), block.samples.end());
-  }
-  EXPECT_EQ((std::vector<int>{0, 0, kSignalFlush, kSignalEnd}), signals);
-  EXPECT_EQ(std::vector<float>(samples.begin(), samples.end()), delivered);
-  EXPECT_EQ(10, source.Reader().Position());
-
+  const std::vector<float> f(samples.begin(), samples.end());
+  EXPECT_EQ(Block(0, {f.begin(), f.begin() + 4}), ReadBlock(&source));
+  EXPECT_EQ(Block(0, {f.begin() + 4, f.begin() + 8}), ReadBlock(&source));
+  EXPECT_EQ(Block(kSignalFlush, {f.begin() + 8, f.end()}), ReadBlock(&source));
+  EXPECT_EQ(Block(kSignalEnd, {}), ReadBlock(&source));
   source.Reset();
-  EXPECT_EQ(std::vector<float>(samples.begin(), samples.begin() + 4), ReadBlock(&source).samples);
+  EXPECT_EQ(Block(0, {f.begin(), f.begin() + 4}), ReadBlock(&source));
 }
 
 }  // namespace

@@ -48,22 +48,6 @@ TEST(WaveReaderTest, MixesChannelsDownByRoundedAverage) {
             ReadBytesAsWave(WaveBytes(Pcm16Bytes(interleaved), stereo)));
 }
 
-TEST(WaveReaderTest, ReadsInBlocksAndRewinds) {
-  const std::string path = TempPath("blocks.wav");
-  WriteWave(path, kSamples);
-  WaveReader reader(path);
-  EXPECT_EQ(6, reader.NumSamples());
-  int16_t block[4];
-  EXPECT_EQ(4u, reader.Read(block, 4));
-  EXPECT_EQ(2u, reader.Read(block, 4));
-  EXPECT_EQ(1234, block[1]);
-  EXPECT_EQ(0u, reader.Read(block, 4));
-  reader.Rewind();
-  EXPECT_EQ(0, reader.Position());
-  EXPECT_EQ(4u, reader.Read(block, 4));
-  EXPECT_EQ(32767, block[3]);
-}
-
 TEST(WaveReaderTest, RefusesOtherFormatsSayingWhatWasFoundAndHowToConvert) {
   WaveLayout cd_float;
   cd_float.format = 3;
@@ -89,20 +73,14 @@ TEST(WaveReaderTest, RefusesOtherFormatsSayingWhatWasFoundAndHowToConvert) {
 TEST(WaveReaderTest, RefusesDamagedFilesWithoutReadingPastThem) {
   const std::string good = WaveBytes(Pcm16Bytes(kSamples));
   EXPECT_EQ("F: not a WAV file (no RIFF/WAVE header).", ErrorFor(""));
-  EXPECT_EQ("F: not a WAV file (no RIFF/WAVE header).", ErrorFor("RIFX" + good.substr(4)));
   EXPECT_EQ("F: truncated file: the \"data\" chunk declares 12 bytes but only 7 follow.",
             ErrorFor(good.substr(0, good.size() - 5)));
   EXPECT_EQ("F: malformed WAV file: no \"data\" chunk.", ErrorFor(good.substr(0, 36)));
-  EXPECT_EQ("F: malformed WAV file: no \"fmt \" chunk.", ErrorFor(good.substr(0, 12)));
   EXPECT_EQ("F: malformed WAV file: \"data\" chunk before \"fmt \" chunk.",
             ErrorFor("RIFF" + Le32Bytes(12) + "WAVE" + Chunk("data", "ab")));
   EXPECT_EQ("F: malformed WAV file: data chunk of 3 bytes is not a whole number of 2-byte "
             "sample frames.",
             ErrorFor(WaveBytes("abc")));
-  std::string no_channels = good;
-  no_channels[22] = 0;
-  EXPECT_EQ("F: malformed WAV file: 0 channels.", ErrorFor(no_channels));
-  EXPECT_EQ("F: cannot open file.", KESTREL_ERROR_TEXT(ReadWaveFile("F")));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Test helper: runs the built `kestrel` program (path from the build) and
-// captures its exit status and output.
+// Test helper: runs the built `kestrel` program (its path comes from the
+// build) through the shell and captures its exit status and output.
 #ifndef KESTREL_TESTS_TEST_RUN_COMMAND_H_
 #define KESTREL_TESTS_TEST_RUN_COMMAND_H_
 
@@ -16,10 +16,14 @@
 
 namespace kestrel {
 
+inline std::string ReadFileBytes(const std::string& path) {
+  std::ifstream is(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(is), std::istreambuf_iterator<char>());
+}
+
 struct CommandResult {
   int status = -1;
-  std::string out;
-  std::string err;
+  std::string out, err;
   std::vector<std::string> OutLines() const {
     std::vector<std::string> lines;
     std::istringstream is(out);
@@ -28,23 +32,12 @@ struct CommandResult {
   }
 };
 
-inline std::string ReadFileBytes(const std::string& path) {
-  std::ifstream is(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(is), std::istreambuf_iterator<char>());
-}
-
-// Runs `kestrel <args>` through the shell, standard input from `input` (or
-// nothing).
+// `kestrel <args>` with standard input from `input`.
 inline CommandResult RunKestrel(const std::string& args, const std::string& input = "/dev/null") {
   const std::string out = TempPath("cli.out"), err = TempPath("cli.err");
-  const std::string command = std::string("'") + KESTREL_CLI + "' " + args + " < '" + input +
-                              "' > '" + out + "' 2> '" + err + "'";
-  CommandResult result;
-  const int raw = std::system(command.c_str());
-  result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  result.out = ReadFileBytes(out);
-  result.err = ReadFileBytes(err);
-  return result;
+  const int raw = std::system((std::string("'") + KESTREL_CLI + "' " + args + " < '" + input +
+                               "' > '" + out + "' 2> '" + err + "'").c_str());
+  return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFileBytes(out), ReadFileBytes(err)};
 }
 
 }  // namespace kestrel
