@@ -1,0 +1,472 @@
+"""Corpus planning, rendering and parallel generation.
+
+Every clip gets its own random generator seeded from (seed, split, kind,
+index), so the output does not depend on the number of worker processes
+and the test split never shares a noise/reverb/voice draw with train.
+"""
+
+import json
+import multiprocessing
+import os
+import sys
+import time
+
+import numpy as np
+
+from . import audio, texts, tts
+
+SPLITS = ("train", "dev", "test")
+_SPLIT_ID = {"train": 1, "dev": 2, "test": 3, "sample": 9}
+_KIND_ID = {"positive": 1, "confusable": 2, "negative": 3, "noise": 4,
+            "stream": 5, "bank": 6}
+_SUBDIR = {"positive": "pos", "confusable": "conf", "negative": "neg",
+           "noise": "noise", "stream": "stream"}
+
+# eSpeak voices are "<language file>+<variant>".  Variants and speaking
+# rates are disjoint between splits so dev/test voices are never trained on.
+_LANGS = ["gmw/en", "gmw/en-US", "gmw/en-GB-scotland", "gmw/en-GB-x-rp",
+          "gmw/en-GB-x-gbclan", "gmw/en-GB-x-gbcwmd", "gmw/en-029"]
+ESPEAK_LANGS = {"train": _LANGS, "dev": _LANGS, "test": _LANGS + ["gmw/en-US-nyc"]}
+ESPEAK_VARIANTS = {
+    "train": ["", "m1", "m2", "m3", "m4", "m5", "m6", "f1", "f2", "f3", "f4",
+              "croak", "whisper", "klatt", "klatt2", "klatt3", "Alex", "Alicia",
+              "Andrea", "Andy", "Annie", "Denis", "Diogo", "Gene", "Henrique",
+              "Hugo", "Jacky", "Lee", "Marco", "Mario", "Michael", "Mike", "adam",
+              "anika", "announcer", "antonio", "belinda", "boris", "caleb",
+              "david", "ed", "edward", "gustave", "iven", "iven2", "john",
+              "linda", "max", "michel", "miguel", "pablo", "paul", "quincy",
+              "rob", "robert", "steph", "steph2"],
+    "dev": ["m7", "f5", "klatt4", "whisperf", "AnxiousAndy", "Gene2", "iven3",
+            "marcelo", "pedro", "steph3", "zac"],
+    "test": ["m8", "klatt5", "klatt6", "grandma", "grandpa", "aunty", "benjamin",
+             "edward2", "iven4", "kaukovalta", "norbert", "sandro", "shelby",
+             "travis", "victor", "Nguyen"],
+}
+ESPEAK_RATES = {"train": list(range(110, 231, 10)),
+                "dev": list(range(115, 236, 20)),
+                "test": list(range(125, 226, 20))}
+# Festival's kal/slt voices are built from the same recordings as Flite's
+# kal/kal16/slt, so those stay out of train to keep test speakers unseen.
+FLITE_VOICES = {"train": ["awb", "rms"], "dev": ["kal", "kal16", "slt"], "test": []}
+ENGINE_MIX = {"train": {"espeak-ng": 0.75, "flite": 0.25},
+              "dev": {"espeak-ng": 0.6, "flite": 0.4},
+              "test": {"espeak-ng": 0.5, "festival": 0.5},
+              "sample": {"festival": 1.0}}
+# Flite's clustergen voices run at only ~15x real time on one core, so the
+# hours of long negative recordings lean on eSpeak.
+STREAM_MIX = {"train": {"espeak-ng": 0.9, "flite": 0.1},
+              "dev": {"espeak-ng": 0.8, "flite": 0.2},
+              "test": {"espeak-ng": 0.5, "festival": 0.5}}
+
+DEFAULTS = {
+    "positives": {"train": 4000, "dev": 400, "test": 1000},
+    "hours": {"train": 3.0, "dev": 0.5, "test": 2.0},
+    "confusable_ratio": 0.25, "negative_ratio": 0.25, "noise_ratio": 0.05,
+    "stream_seconds": 600.0, "test_snr": 10.0,
+}
+
+# Filled in the parent before forking workers.
+_TEXT = {}
+_BANK = {}
+
+
+def rng_for(seed, split, kind, idx):
+    return np.random.default_rng([seed, _SPLIT_ID[split], _KIND_ID[kind], idx])
+
+
+def load_text(phrase):
+    if _TEXT.get("phrase") != phrase:
+        words = texts.load_words(phrase)
+        allw = sorted(w for v in words.values() for w in v)
+        _TEXT.update(phrase=phrase, sentences=texts.load_sentences(phrase),
+                     words=words, confusables=texts.confusables(phrase, allw))
+
+
+# ------------------------------------------------------------- sampling
+
+def sample_voice(rng, split, cfg, mix=None):
+    mix = mix or ENGINE_MIX[split]
+    engines = sorted(mix)
+    eng = engines[rng.choice(len(engines), p=[mix[e] for e in engines])]
+    if eng == "espeak-ng":
+        lang = ESPEAK_LANGS[split][rng.integers(len(ESPEAK_LANGS[split]))]
+        var = ESPEAK_VARIANTS[split][rng.integers(len(ESPEAK_VARIANTS[split]))]
+        return dict(engine=eng, voice=lang + ("+" + var if var else ""),
+                    rate=int(rng.choice(ESPEAK_RATES[split])),
+                    pitch=int(rng.integers(20, 81)))
+    if eng == "flite":
+        pool = cfg["flite_voices"].get(split) or FLITE_VOICES[split]
+        return dict(engine=eng, voice=pool[rng.integers(len(pool))],
+                    rate=round(float(rng.uniform(0.8, 1.3)), 2),    # duration stretch
+                    pitch=round(float(rng.uniform(0.8, 1.25)), 2))  # f0 shift factor
+    voice = tts.FESTIVAL_VOICES[rng.integers(len(tts.FESTIVAL_VOICES))]
+    if voice.endswith("_hts"):
+        # Festival's hts_engine wrapper takes a speed but no pitch shift.
+        return dict(engine=eng, voice=voice, rate=round(float(rng.uniform(0.8, 1.25)), 2),
+                    pitch=None)
+    return dict(engine=eng, voice=voice, rate=round(float(rng.uniform(0.8, 1.25)), 2),
+                pitch=float(rng.integers(80, 151)))                 # target F0, Hz
+
+
+def phrase_text(rng, phrase):
+    """The same words with different punctuation, for prosody variety."""
+    w = phrase.split()
+    r = rng.random()
+    if r < 0.4 or len(w) < 2:
+        return phrase
+    if r < 0.6:
+        return " ".join(x.capitalize() for x in w) + "."
+    if r < 0.8:
+        return phrase + "!"
+    return w[0] + ", " + " ".join(w[1:])
+
+
+def context_text(rng, split, max_words=7):
+    if rng.random() < 0.6:
+        sents = _TEXT["sentences"][split]
+        ws = sents[rng.integers(len(sents))].split()
+        n = int(rng.integers(2, max_words + 1))
+        i = int(rng.integers(0, max(1, len(ws) - n + 1)))
+        return " ".join(ws[i:i + n])
+    words = _TEXT["words"][split]
+    return " ".join(words[rng.integers(len(words))] for _ in range(rng.integers(1, 5)))
+
+
+def sentence(rng, split):
+    sents = _TEXT["sentences"][split]
+    return sents[rng.integers(len(sents))]
+
+
+def aug_params(rng, split, cfg):
+    if split == "test":
+        snr = cfg["test_snr"]
+    elif rng.random() < 0.9:
+        snr = round(float(rng.uniform(0, 20)), 2)
+    else:
+        snr = round(float(rng.uniform(30, 40)), 2)   # near-clean examples
+    rev = None
+    if rng.random() < (0.25 if split == "test" else 0.35):
+        rev = {"rt60": round(float(rng.uniform(0.15, 0.8)), 3),
+               "drr_db": round(float(rng.uniform(0, 12)), 2)}
+    return {"snr_db": snr, "noise": audio.NOISE_KINDS[rng.integers(len(audio.NOISE_KINDS))],
+            "reverb": rev, "level_db": round(float(rng.uniform(-38, -16)), 2)}
+
+
+# ------------------------------------------------------------ rendering
+
+def mix_parts(rng, speech, spans, aug, split):
+    """Reverb, level and noise.  Returns (speech, noise) float32 parts whose
+    sum is the clip; SNR is measured over `spans` (seconds)."""
+    if aug["reverb"]:
+        ir = audio.room_ir(rng, aug["reverb"]["rt60"], aug["reverb"]["drr_db"])
+        speech = audio.reverb(speech, ir)
+    m = audio.span_mask(len(speech), spans)
+    rms = np.sqrt(np.mean(np.square(speech[m], dtype=np.float64))) + 1e-12
+    speech = (speech * (10 ** (aug["level_db"] / 20) / rms)).astype(np.float32)
+    noise = audio.make_noise(rng, len(speech), aug["noise"], _BANK.get(split))
+    noise = audio.scale_noise(speech, noise, aug["snr_db"], spans)
+    return audio.limit(speech, noise)
+
+
+def assemble(pieces):
+    """pieces: [Utt or seconds of silence] -> (audio, [offset per piece])."""
+    parts, offs, t = [], [], 0
+    for p in pieces:
+        offs.append(t / audio.SR)
+        x = np.zeros(int(round(p * audio.SR)), np.float32) if isinstance(p, float) else p.audio
+        parts.append(x)
+        t += len(x)
+    return np.concatenate(parts), offs
+
+
+def _r(x):
+    return round(float(x), 4)
+
+
+# ---------------------------------------------------------------- items
+
+def plan_clip(cfg, split, kind, idx):
+    """Decide everything about one clip; synthesis requests in plan['reqs']."""
+    rng = rng_for(cfg["seed"], split, kind, idx)
+    plan = {"rng": rng, "split": split, "kind": kind, "idx": idx, "reqs": []}
+    if kind == "noise":
+        plan["dur"] = float(rng.uniform(5, 30))
+        return plan
+    v = sample_voice(rng, split, cfg)
+    plan["voice"] = v
+    if kind == "negative":
+        n = int(rng.integers(1, 3))
+        for _ in range(n):
+            t = sentence(rng, split) if rng.random() < 0.7 else context_text(rng, split, 10)
+            plan["reqs"].append(dict(v, text=t))
+    else:
+        if kind == "positive":
+            main = phrase_text(rng, cfg["phrase"])
+        else:
+            conf = _TEXT["confusables"]
+            main = conf[rng.integers(len(conf))]
+        plan["reqs"].append(dict(v, text=main))
+        plan["before"] = rng.random() < 0.35
+        plan["after"] = rng.random() < 0.35
+        for flag in ("before", "after"):
+            if plan[flag]:
+                plan["reqs"].append(dict(v, text=context_text(rng, split)))
+    plan["aug"] = aug_params(rng, split, cfg)
+    return plan
+
+
+def render_clip(cfg, plan, utts):
+    """-> (entry, speech, noise, spans)"""
+    rng, split, kind = plan["rng"], plan["split"], plan["kind"]
+    entry = {"split": split, "kind": kind}
+    if kind == "noise":
+        n = int(plan["dur"] * audio.SR)
+        nk = ("silence",) + audio.NOISE_KINDS
+        k = nk[rng.integers(len(nk))]
+        lvl = float(rng.uniform(-90, -70) if k == "silence" else rng.uniform(-60, -20))
+        noise = audio.make_noise(rng, n, "white" if k == "silence" else k, _BANK.get(split))
+        noise = noise * np.float32(10 ** (lvl / 20))
+        entry.update(text=None, engine=None, voice=None, rate=None, pitch=None,
+                     snr_db=None, noise=k, reverb=None, level_db=round(lvl, 2))
+        return entry, np.zeros(n, np.float32), noise, []
+    utts = [u.trimmed() for u in utts]
+    v = plan["voice"]
+    if kind == "negative":
+        pieces = [float(rng.uniform(0.2, 1.0))]
+        for u in utts:
+            pieces += [u, float(rng.uniform(0.2, 0.8))]
+        x, offs = assemble(pieces)
+        spans = [(o + u.span[0], o + u.span[1]) for o, u in zip(offs[1::2], utts)]
+        text = " / ".join(r["text"] for r in plan["reqs"])
+    else:
+        main, rest = utts[0], utts[1:]
+        pieces = [float(rng.uniform(0.2, 1.0))]
+        if plan["before"]:
+            pieces += [rest.pop(0), float(rng.uniform(0.1, 0.7))]
+        k = len(pieces)
+        pieces.append(main)
+        if plan["after"]:
+            pieces += [float(rng.uniform(0.1, 0.7)), rest.pop(0)]
+        pieces.append(float(rng.uniform(0.2, 1.0)))
+        x, offs = assemble(pieces)
+        o = offs[k]
+        spans = [(o + main.span[0], o + main.span[1])]
+        text = plan["reqs"][0]["text"]
+        entry["context"] = [r["text"] for r in plan["reqs"][1:]]
+        key = "hotword" if kind == "positive" else "span"
+        entry[key] = [_r(spans[0][0]), _r(spans[0][1])]
+        if kind == "positive":
+            entry["phonemes"] = [[s, _r(o + a), _r(o + b)] for s, a, b in main.phones]
+            entry["phonemes_arpa"] = [[tts.to_arpa(v["engine"], s), _r(o + a), _r(o + b)]
+                                      for s, a, b in main.phones]
+    aug = plan["aug"]
+    speech, noise = mix_parts(rng, x, spans, aug, split)
+    entry.update(text=text, engine=v["engine"], voice=v["voice"], rate=v["rate"],
+                 pitch=v["pitch"], snr_db=aug["snr_db"], noise=aug["noise"],
+                 reverb=aug["reverb"], level_db=aug["level_db"])
+    return entry, speech, noise, spans
+
+
+def plan_stream(cfg, split, idx):
+    """A long continuous negative recording: many talkers, gaps, pauses."""
+    rng = rng_for(cfg["seed"], split, "stream", idx)
+    length = cfg["stream_seconds"]
+    items, t = [], float(rng.uniform(0.2, 2.0))
+    while t < length:
+        r = rng.random()
+        v = sample_voice(rng, split, cfg, STREAM_MIX[split])
+        if r < 0.03:
+            conf = _TEXT["confusables"]
+            kind, text = "confusable", conf[rng.integers(len(conf))]
+        elif r < 0.75:
+            kind, text = "sentence", sentence(rng, split)
+        else:
+            kind, text = "words", context_text(rng, split, 10)
+        gain = float(rng.uniform(-6, 6))
+        gap = float(rng.uniform(8, 25)) if rng.random() < 0.04 else float(
+            np.clip(rng.exponential(0.8), 0.1, 5.0))
+        items.append(dict(kind=kind, req=dict(v, text=text), gain=gain, gap=gap))
+        # Under-estimate the spoken length so the stream gets filled; items
+        # that do not fit are skipped after synthesis.
+        t += 0.25 * len(text.split()) + 0.2 + gap
+    return {"rng": rng, "split": split, "kind": "stream", "idx": idx, "items": items,
+            "reqs": [it["req"] for it in items], "aug": aug_params(rng, split, cfg),
+            "length": length}
+
+
+def render_stream(cfg, plan, utts):
+    rng, split = plan["rng"], plan["split"]
+    n = int(plan["length"] * audio.SR)
+    x = np.zeros(n, np.float32)
+    t = int(rng.uniform(0.2, 2.0) * audio.SR)
+    spans, utt_info = [], []
+    for it, u in zip(plan["items"], utts):
+        u = u.trimmed()
+        if t + len(u.audio) > n:
+            continue
+        x[t:t + len(u.audio)] += u.audio * np.float32(10 ** (it["gain"] / 20))
+        a, b = t / audio.SR + u.span[0], t / audio.SR + u.span[1]
+        spans.append((a, b))
+        r = it["req"]
+        utt_info.append([_r(a), _r(b), it["kind"], r["engine"], r["voice"], r["text"]])
+        t += len(u.audio) + int(it["gap"] * audio.SR)
+    aug = plan["aug"]
+    speech, noise = mix_parts(rng, x, spans, aug, split)
+    engines = sorted({u[3] for u in utt_info})
+    entry = {"split": split, "kind": "negative", "text": None, "engine": "+".join(engines),
+             "voice": "mixed", "rate": None, "pitch": None, "snr_db": aug["snr_db"],
+             "noise": aug["noise"], "reverb": aug["reverb"], "level_db": aug["level_db"],
+             "utterances": utt_info}
+    return entry, speech, noise, spans
+
+
+# --------------------------------------------------------------- workers
+
+def build_bank(args):
+    """Babble source: unrelated sentences from several talkers of the split."""
+    cfg, split, n = args
+    rng = rng_for(cfg["seed"], split, "bank", 0)
+    bsplit = "test" if split == "sample" else split
+    reqs = [dict(sample_voice(rng, bsplit, cfg), text=sentence(rng, bsplit)) for _ in range(n)]
+    return split, [u.trimmed(0.0).audio for u in tts.synth_many(reqs)]
+
+
+def _write(cfg, entry, speech, noise, rel):
+    path = os.path.join(cfg["out"], rel)
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    pcm = audio.write_wav(path, speech + noise)
+    entry["wav"] = rel
+    entry["duration"] = _r(len(pcm) / audio.SR)
+    return entry
+
+
+def render_unit(cfg, split, kind, idxs):
+    """Yield (idx, entry, speech, noise) for one work unit.  Synthesis is
+    batched per unit, so re-rendering the same unit gives the same audio."""
+    if kind == "stream":
+        plans = [plan_stream(cfg, split, i) for i in idxs]
+    else:
+        plans = [plan_clip(cfg, split, kind, i) for i in idxs]
+    utts = tts.synth_many([r for p in plans for r in p["reqs"]])
+    k = 0
+    for p in plans:
+        u = utts[k:k + len(p["reqs"])]
+        k += len(p["reqs"])
+        render = render_stream if kind == "stream" else render_clip
+        entry, speech, noise, _ = render(cfg, p, u)
+        yield p["idx"], entry, speech, noise
+
+
+def run_unit(unit):
+    """unit: (cfg, split, kind, [indices]) -> [(sort key, entry, clean entry)]"""
+    cfg, split, kind, idxs = unit
+    out = []
+    for idx, entry, speech, noise in render_unit(cfg, split, kind, idxs):
+        entry = _write(cfg, entry, speech, noise, "%s/%s/%06d.wav" % (split, _SUBDIR[kind], idx))
+        clean = None
+        if cfg.get("test_clean") and split == "test" and kind == "positive":
+            clean = _write(cfg, dict(entry, snr_db=None, noise=None), speech,
+                           np.zeros_like(noise), "test-clean/pos/%06d.wav" % idx)
+        out.append(((_KIND_ID[kind], idx), entry, clean))
+    return out
+
+
+def units_of(cfg, split):
+    npos = cfg["positives"][split]
+    counts = {"positive": npos,
+              "confusable": int(round(npos * cfg["confusable_ratio"])),
+              "negative": int(round(npos * cfg["negative_ratio"])),
+              "noise": int(round(npos * cfg["noise_ratio"]))}
+    units = []
+    nstream = int(np.ceil(cfg["hours"][split] * 3600 / cfg["stream_seconds"] - 1e-9))
+    units += [(cfg, split, "stream", [i]) for i in range(nstream)]
+    chunk = 40 if split == "test" else 25     # festival start-up is per unit
+    for kind, n in counts.items():
+        units += [(cfg, split, kind, list(range(i, min(n, i + chunk))))
+                  for i in range(0, n, chunk)]
+    return units
+
+
+def _pool(jobs):
+    return multiprocessing.get_context("fork").Pool(jobs) if jobs > 1 else None
+
+
+def _map(pool, fn, items):
+    return pool.imap_unordered(fn, items) if pool else map(fn, items)
+
+
+def generate(cfg, log=sys.stderr):
+    """Generate the requested splits; returns {split: [manifest entries]}."""
+    t0 = time.time()
+    load_text(cfg["phrase"])
+    splits = [s for s in SPLITS if s in cfg["splits"]]
+    pool = _pool(cfg["jobs"])
+    try:
+        for split, bank in _map(pool, build_bank, [(cfg, s, 40) for s in splits]):
+            _BANK[split] = bank
+    finally:
+        if pool:
+            pool.close()
+            pool.join()
+    print("[%6.1fs] babble banks ready" % (time.time() - t0), file=log, flush=True)
+    # New pool so the workers inherit the banks.
+    pool = _pool(cfg["jobs"])
+    result = {}
+    try:
+        for split in splits:
+            units = units_of(cfg, split)
+            total = sum(len(u[3]) for u in units)
+            rows, done, last = [], 0, 0.0
+            for res in _map(pool, run_unit, units):
+                rows += res
+                done += len(res)
+                if time.time() - last > 5 or done == total:
+                    last = time.time()
+                    print("[%6.1fs] %-5s %d/%d items" % (last - t0, split, done, total),
+                          file=log, flush=True)
+            rows.sort(key=lambda r: r[0])
+            result[split] = [r[1] for r in rows]
+            _write_manifest(cfg, split, result[split], log)
+            clean = [r[2] for r in rows if r[2]]
+            if clean:
+                _write_manifest(cfg, "test_clean", clean, log)
+    finally:
+        if pool:
+            pool.close()
+            pool.join()
+    return result
+
+
+def _write_manifest(cfg, name, entries, log):
+    path = os.path.join(cfg["out"], name + ".jsonl")
+    with open(path, "w") as f:
+        for e in entries:
+            f.write(json.dumps(e, sort_keys=True) + "\n")
+    hours = sum(e["duration"] for e in entries) / 3600
+    print("wrote %s: %d clips, %.2f h" % (path, len(entries), hours), file=log, flush=True)
+
+
+# ---------------------------------------------------------------- sample
+
+def make_sample(path, cfg):
+    """Short demo clip: speech, the phrase, speech; a test-only voice."""
+    load_text(cfg["phrase"])
+    v = dict(engine="festival", voice="cmu_us_slt_arctic_hts", rate=1.0, pitch=None)
+    reqs = [dict(v, text="I just got back from the store"),
+            dict(v, text=cfg["phrase"]),
+            dict(v, text="what is the weather like tomorrow")]
+    before, main, after = [u.trimmed() for u in tts.synth_many(reqs)]
+    x, offs = assemble([0.4, before, 0.5, main, 0.5, after, 0.4])
+    o = offs[3]
+    spans = [(o + main.span[0], o + main.span[1])]
+    rng = rng_for(cfg["seed"], "sample", "positive", 0)
+    _, bank = build_bank((cfg, "sample", 8))
+    _BANK["sample"] = bank
+    aug = {"snr_db": 25.0, "noise": "pink", "reverb": None, "level_db": -22.0}
+    speech, noise = mix_parts(rng, x, spans, aug, "sample")
+    os.makedirs(os.path.dirname(os.path.abspath(path)), exist_ok=True)
+    audio.write_wav(path, speech + noise)
+    return {"wav": path, "text": cfg["phrase"], "engine": v["engine"], "voice": v["voice"],
+            "snr_db": aug["snr_db"], "duration": _r(len(x) / audio.SR),
+            "hotword": [_r(spans[0][0]), _r(spans[0][1])],
+            "phonemes": [[s, _r(o + a), _r(o + b)] for s, a, b in main.phones]}

@@ -1,0 +1,246 @@
+"""Speech synthesis back-ends that also report per-phoneme timings.
+
+Every back-end returns Utt objects: 16 kHz float32 audio plus the phones
+(pauses removed) with start/end in seconds relative to the start of that
+audio.  The timings always come from the engine itself:
+
+  espeak-ng  libespeak-ng phoneme events (audio_position, ms), read through
+             ctypes in synth_server.py; a phone ends where the next
+             phoneme/pause event starts.
+  flite      libflite's Segment relation (item feature "end", the value
+             `flite -psdur` prints), also in synth_server.py.
+  festival   the Segment relation of the synthesized utterance
+             (item feature "end"), printed from a Scheme batch script.
+"""
+
+import json
+import os
+import re
+import subprocess
+import sys
+import tempfile
+from dataclasses import dataclass, field
+
+import numpy as np
+
+from . import audio
+
+# ---------------------------------------------------------------- phonemes
+
+# Flite and Festival use the CMU "radio" phone set, which is ARPAbet in
+# lower case.  eSpeak uses its own mnemonics; map them onto the same
+# symbols so a trainer can group phones into units across engines.
+ESPEAK_TO_ARPA = {
+    "0": "AA", "3": "ER", "3:": "ER", "@": "AX", "@-": "AX", "@2": "AX",
+    "@5": "AX", "@L": "EL", "@r": "ER", "A:": "AA", "A@": "AA", "A": "AA",
+    "aa": "AE", "a": "AE", "a#": "AX", "aI": "AY", "aI2": "AY", "aI3": "AY",
+    "aI@": "AY", "aU": "AW", "b": "B", "d": "D", "D": "DH", "dZ": "JH",
+    "e": "EH", "E": "EH", "E2": "EH", "E3": "EH", "e@": "EH", "eI": "EY",
+    "f": "F", "g": "G", "h": "HH", "i": "IY", "i:": "IY", "i@": "IY",
+    "i@3": "IY", "I": "IH", "I#": "IH", "I2": "IH", "IR": "IH", "j": "Y",
+    "k": "K", "l": "L", "m": "M", "n": "N", "n-": "N", "N": "NG", "o": "OW",
+    "o@": "AO", "oU": "OW", "O": "AO", "O2": "AO", "O:": "AO",
+    "O@": "AO", "OI": "OY", "p": "P", "r": "R", "r-": "R", "s": "S",
+    "S": "SH", "t": "T", "t#": "T", "t2": "T", "t[": "T", "?": "T",
+    "T": "TH", "tS": "CH", "u": "UW", "u:": "UW", "U": "UH", "U@": "UH",
+    "v": "V", "V": "AH", "VR": "ER", "w": "W", "w#": "W", "z": "Z",
+    "Z": "ZH",
+}
+
+
+def to_arpa(engine, sym):
+    """Engine phone symbol -> ARPAbet-like symbol (upper case)."""
+    if engine == "espeak-ng":
+        if sym in ESPEAK_TO_ARPA:
+            return ESPEAK_TO_ARPA[sym]
+        base = re.sub(r"[#;\[\]/0-9-]+$", "", sym)
+        return ESPEAK_TO_ARPA.get(base, sym.upper())
+    return sym.upper()
+
+
+@dataclass
+class Utt:
+    audio: np.ndarray                    # float32, 16 kHz
+    phones: list = field(default_factory=list)  # [(sym, start, end)], no pauses
+
+    @property
+    def span(self):
+        """(start, end) of the spoken part in seconds."""
+        if self.phones:
+            return self.phones[0][1], self.phones[-1][2]
+        return audio.active_span(self.audio)
+
+    def trimmed(self, margin=0.08):
+        """Cut leading/trailing engine silence, keeping `margin` seconds."""
+        a, b = self.span
+        dur = len(self.audio) / audio.SR
+        t0 = max(0.0, a - margin)
+        t1 = min(dur, b + margin)
+        i0, i1 = int(round(t0 * audio.SR)), int(round(t1 * audio.SR))
+        x = audio.fade(self.audio[i0:i1].copy())
+        ph = [(s, max(0.0, st - t0), min(t1 - t0, en - t0))
+              for s, st, en in self.phones]
+        return Utt(x, ph)
+
+
+def _clean_phones(raw, dur):
+    """raw: [(sym, start)] incl. pauses + final end -> phones without pauses."""
+    out = []
+    for (sym, st), nxt in zip(raw, raw[1:] + [(None, dur)]):
+        en = min(nxt[1], dur)
+        if sym.startswith("_") or sym in ("pau", "h#", "sil"):
+            continue
+        if sym == ";" and out:          # eSpeak palatal marker: part of previous phone
+            out[-1] = (out[-1][0], out[-1][1], en)
+            continue
+        if en > st:
+            out.append((sym, st, en))
+    return out
+
+
+# ---------------------------------------------------------- eSpeak, Flite
+
+class SynthServer:
+    """Client of synth_server.py, which runs libespeak-ng and libflite."""
+
+    def __init__(self):
+        server = os.path.join(os.path.dirname(os.path.abspath(__file__)),
+                              "synth_server.py")
+        self.proc = subprocess.Popen([sys.executable, server], stdin=subprocess.PIPE,
+                                     stdout=subprocess.PIPE)
+
+    def close(self):
+        self.proc.stdin.close()
+        self.proc.wait()
+        self.proc.stdout.close()
+
+    def batch(self, reqs):
+        """Synthesize reqs in one fresh library state -> [Utt]."""
+        keys = ("engine", "voice", "rate", "pitch", "text")
+        self.proc.stdin.write(json.dumps([{k: r[k] for k in keys} for r in reqs]).encode()
+                              + b"\n")
+        self.proc.stdin.flush()
+        res = []
+        while True:
+            line = self.proc.stdout.readline()
+            if not line:
+                raise RuntimeError("synthesis server died")
+            head = json.loads(line)
+            if head.get("done"):
+                break
+            pcm = np.frombuffer(self.proc.stdout.read(2 * head["n"]), np.int16)
+            res.append((head, pcm))
+        if len(res) != len(reqs):
+            raise RuntimeError("synthesis server crashed (status %s)" % head["status"])
+        utts = []
+        for req, (head, pcm) in zip(reqs, res):
+            if not head["ok"]:
+                raise RuntimeError("%s failed on %r: %s"
+                                   % (req["engine"], req["text"], head["error"]))
+            x = pcm.astype(np.float32) / 32768.0
+            dur = len(x) / head["sr"]
+            phones = _clean_phones([tuple(r) for r in head["raw"]], min(head["end"], dur))
+            utts.append(Utt(audio.resample(x, head["sr"]), phones))
+        return utts
+
+
+_servers = {}
+
+
+def server():
+    """One server per process: a forked worker must not talk to its
+    parent's (the inherited entry stays referenced so it is not closed)."""
+    pid = os.getpid()
+    if pid not in _servers:
+        _servers[pid] = SynthServer()
+    return _servers[pid]
+
+
+# --------------------------------------------------------------- Festival
+
+FESTIVAL_VOICES = ("kal_diphone", "ked_diphone", "cmu_us_slt_arctic_hts")
+
+
+def _scheme_str(text):
+    return '"%s"' % text.replace("\\", " ").replace('"', " ")
+
+
+def _festival_many(reqs):
+    """reqs: [dict(voice, rate, pitch, text)] -> [Utt], one festival process.
+
+    For diphone voices rate is Duration_Stretch and pitch the target F0 mean
+    in Hz; for the HTS voice rate is the hts_engine speed (-r) and pitch is
+    unused (Festival's hts_engine wrapper has no pitch option).  Requests
+    are grouped by voice so each voice is loaded once.
+    """
+    reqs = [(r["voice"], r["rate"], r["pitch"], r["text"]) for r in reqs]
+    order = sorted(range(len(reqs)), key=lambda i: (reqs[i][0], i))
+    with tempfile.TemporaryDirectory(prefix="kfest") as tmp:
+        lines, cur = [], None
+        for i in order:
+            voice, rate, pitch, text = reqs[i]
+            if voice not in FESTIVAL_VOICES:
+                raise ValueError("unknown festival voice %s" % voice)
+            if not text.strip():
+                raise ValueError("empty text")      # festival segfaults on it
+            if voice != cur:
+                lines.append("(voice_%s)" % voice)
+                cur = voice
+            if voice.endswith("_hts"):
+                lines.append(
+                    "(set! hts_engine_params (append %s::hts_engine_params "
+                    "(list (list \"-r\" %.4f))))" % (voice, rate))
+            else:
+                lines.append("(Parameter.set 'Duration_Stretch %.4f)" % rate)
+                lines.append(
+                    "(set! int_lr_params '((target_f0_mean %.2f) (target_f0_std 14)"
+                    " (model_f0_mean 170) (model_f0_std 34)))" % pitch)
+            lines.append("(set! utt (SynthText %s))" % _scheme_str(text))
+            lines.append("(utt.save.wave utt \"%s/%d.wav\" 'riff)" % (tmp, i))
+            lines.append("(format t \"UTT %d\\n\")" % i)
+            lines.append("(mapcar (lambda (s) (format t \"%s %f\\n\" (item.name s)"
+                         " (item.feat s \"end\"))) (utt.relation.items utt 'Segment))")
+        script = os.path.join(tmp, "run.scm")
+        with open(script, "w") as f:
+            f.write("\n".join(lines) + "\n")
+        out = subprocess.run(["festival", "--batch", script], check=True,
+                             capture_output=True, text=True).stdout
+        segs, cur = {}, None
+        for line in out.splitlines():
+            parts = line.split()
+            if len(parts) == 2 and parts[0] == "UTT":
+                cur = int(parts[1])
+                segs[cur] = []
+            elif len(parts) == 2 and cur is not None:
+                segs[cur].append((parts[0], float(parts[1])))
+        res = []
+        for i in range(len(reqs)):
+            x, sr = audio.read_wav(os.path.join(tmp, "%d.wav" % i))
+            raw, prev = [], 0.0
+            for sym, end in segs[i]:
+                raw.append((sym, prev))
+                prev = end
+            res.append(Utt(audio.resample(x, sr),
+                           _clean_phones(raw, min(prev, len(x) / sr))))
+    return res
+
+
+# ---------------------------------------------------------------- dispatch
+
+def synth_many(reqs):
+    """reqs: [dict(engine, voice, rate, pitch, text)] -> [Utt] (same order).
+
+    The result depends only on `reqs` (each call starts the engines from
+    the same state), which keeps generation reproducible.
+    """
+    res = [None] * len(reqs)
+    for engines, fn in ((("festival",), _festival_many),
+                        (("espeak-ng", "flite"), lambda r: server().batch(r))):
+        idx = [i for i, r in enumerate(reqs) if r["engine"] in engines]
+        if idx:
+            for i, u in zip(idx, fn([reqs[i] for i in idx])):
+                res[i] = u
+    bad = [r["engine"] for r, u in zip(reqs, res) if u is None]
+    if bad:
+        raise ValueError("unknown engine(s): %s" % ", ".join(sorted(set(bad))))
+    return res
