@@ -63,6 +63,15 @@ int ReadInto(FilterbankStream* filterbank, Output* out) {
   return signal;
 }
 
+// A source feeding a filterbank.
+struct Chain {
+  explicit Chain(int block = PcmSourceStream::kDefaultBlockSamples) : source(block) {
+    filterbank.Connect(&source);
+  }
+  PcmSourceStream source;
+  FilterbankStream filterbank;
+};
+
 std::vector<int16_t> TestAudio() {
   std::vector<int16_t> audio = Noise(16000, 2000, 7);
   for (auto& s : audio) s = static_cast<int16_t>(s + 300);  // a DC offset to remove
@@ -73,13 +82,11 @@ std::vector<int16_t> TestAudio() {
 
 TEST(FilterbankTest, MatchesStraightforwardComputation) {
   const std::vector<int16_t> audio = TestAudio();
-  PcmSourceStream source;
-  FilterbankStream filterbank;
-  filterbank.Connect(&source);
-  source.Push(audio.data(), audio.size());
-  source.MarkEnd();
+  Chain chain;
+  chain.source.Push(audio.data(), audio.size());
+  chain.source.MarkEnd();
   Output out;
-  while (!(ReadInto(&filterbank, &out) & kSignalFlush)) {
+  while (!(ReadInto(&chain.filterbank, &out) & kSignalFlush)) {
   }
   const auto expected = ReferenceFeatures(audio);
   ASSERT_EQ(expected.size(), out.rows.size());
@@ -93,19 +100,12 @@ TEST(FilterbankTest, MatchesStraightforwardComputation) {
 TEST(FilterbankTest, OutputDoesNotDependOnChunking) {
   const std::vector<int16_t> audio = TestAudio();
   Output whole, trickled;
-  {
-    PcmSourceStream source(audio.size());
-    FilterbankStream filterbank;
-    filterbank.Connect(&source);
-    source.Push(audio.data(), audio.size());
-    ReadInto(&filterbank, &whole);
-  }
-  PcmSourceStream source;
-  FilterbankStream filterbank;
-  filterbank.Connect(&source);
+  Chain one_call(audio.size()), one_sample;
+  one_call.source.Push(audio.data(), audio.size());
+  ReadInto(&one_call.filterbank, &whole);
   for (int16_t s : audio) {
-    source.Push(&s, 1);
-    ReadInto(&filterbank, &trickled);
+    one_sample.source.Push(&s, 1);
+    ReadInto(&one_sample.filterbank, &trickled);
   }
   EXPECT_EQ(whole.ids, trickled.ids);
   EXPECT_EQ(whole.rows, trickled.rows);  // bit-identical
@@ -113,9 +113,9 @@ TEST(FilterbankTest, OutputDoesNotDependOnChunking) {
 
 TEST(FilterbankTest, FlushAndResetDropThePartialFrameButFrameIdsRunOn) {
   const std::vector<int16_t> audio = TestAudio();
-  PcmSourceStream source;
-  FilterbankStream filterbank;
-  filterbank.Connect(&source);
+  Chain chain;
+  PcmSourceStream& source = chain.source;
+  FilterbankStream& filterbank = chain.filterbank;
   source.Push(audio.data(), 1000);  // four frames and 120 spare samples
   source.MarkEnd();
   Output out;
