@@ -144,6 +144,9 @@ TEST(TokenIoTest, TokensPeekAndMismatch) {
     EXPECT_EQ("Expected token \"<Nnet>\", got instead \"\".",
               KESTREL_ERROR_TEXT(ExpectToken(binary, "<Nnet>", &ss)));
   }
+  std::istringstream garbage(std::string("\0\x01<Kw", 5));
+  EXPECT_EQ("Expected token \"<Kw>\", got instead \"\\x00\\x01<Kw\".",
+            KESTREL_ERROR_TEXT(ExpectToken(true, "<Kw>", &garbage)));
   std::istringstream text("  \n x");
   EXPECT_EQ('x', PeekToken(false, &text));
   std::ostringstream os;

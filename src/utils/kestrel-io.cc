@@ -3,6 +3,7 @@
 #include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 
 #include "utils/kestrel-log.h"
@@ -28,6 +29,25 @@ std::string ReadWord(std::istream* is) {
     word.push_back(static_cast<char>(is->get()));
   }
   return word;
+}
+
+// A token as an error message shows it: bytes of a binary file are escaped
+// (so a NUL cannot cut the message short) and long runs are elided.
+std::string Printable(const std::string& token) {
+  const size_t kMaxShown = 64;
+  std::string out;
+  char buf[8];
+  for (size_t i = 0; i < token.size() && i < kMaxShown; ++i) {
+    unsigned char c = static_cast<unsigned char>(token[i]);
+    if (std::isprint(c)) {
+      out.push_back(static_cast<char>(c));
+    } else {
+      std::snprintf(buf, sizeof(buf), "\\x%02X", c);
+      out += buf;
+    }
+  }
+  if (token.size() > kMaxShown) out += "...";
+  return out;
 }
 
 void CheckToken(const std::string& token) {
@@ -65,7 +85,7 @@ void ExpectToken(bool binary, const char* token, std::istream* is) {
   ReadToken(binary, &got, is);
   if (got != token) {
     KESTREL_ERR(kLogFile) << "Expected token \"" << token << "\", got instead \""
-                          << got << "\".";
+                          << Printable(got) << "\".";
   }
 }
 
