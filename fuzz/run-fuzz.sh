@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Fuzzes the model reader for a fixed time: builds the library and the fuzz
 # target with clang (libFuzzer, AddressSanitizer, UndefinedBehaviorSanitizer)
-# in build-fuzz, seeds the corpus with the text models of fuzz/seeds and their
-# binary forms, and runs. Exits non-zero on any finding; the input that caused
-# it is left in build-fuzz/findings.
+# in build-fuzz, replays fuzz/regressions (inputs that once failed), seeds the
+# corpus with the text models of fuzz/seeds and their binary forms, and runs.
+# Exits non-zero on any finding; the input that caused it is left in
+# build-fuzz/findings.
 #
 # Usage: fuzz/run-fuzz.sh [SECONDS]   (default 60)
 set -euo pipefail
@@ -23,6 +24,11 @@ clang++ -std=c++17 -O1 -g $sanitize -fsanitize=fuzzer-no-link -Isrc \
   fuzz/write-binary-seeds.cc "$out/libkestrel.a" -o "$out/write-binary-seeds"
 
 mkdir -p "$out/corpus" "$out/findings"
+if ! "$out/model-reader-fuzzer" fuzz/regressions/* >"$out/regressions.log" 2>&1; then
+  grep -v '^INFO\|^Running\|^Executed' "$out/regressions.log" >&2
+  echo "run-fuzz.sh: an input of fuzz/regressions fails (above)" >&2
+  exit 1
+fi
 cp fuzz/seeds/*.kmodel "$out/corpus/"
 "$out/write-binary-seeds" "$out/corpus" fuzz/seeds/*.kmodel
 
