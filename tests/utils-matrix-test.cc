@@ -89,6 +89,12 @@ TEST(MatrixTest, MalformedInputIsAnErrorAndReadsNothing) {
   std::istringstream huge(std::string("FM \x04\xff\xff\xff\x0f\x04\xff\xff\xff\x0f", 13));
   Matrix m;
   EXPECT_NE("", KESTREL_ERROR_TEXT(m.Read(true, &huge)));
+  std::istringstream no_columns(std::string("FM \x04\x02\0\0\0\x04\0\0\0\0", 13));
+  m.Read(true, &no_columns);
+  EXPECT_EQ(2, m.NumRows());
+  EXPECT_EQ(0, m.NumCols());
+  Matrix copy(m);
+  EXPECT_EQ(2, copy.NumRows());
   Matrix small(2, 2);
   std::istringstream wrong(" [ 1 2 3 ]\n");
   EXPECT_EQ("Reading a matrix: expected 2 x 2, got 1 x 3.",

@@ -58,7 +58,9 @@ T* Reserve(std::vector<T>* buffer, size_t size) {
 // state j's posterior at the f-th searched position.
 const float* GatherFrames(const std::vector<std::deque<float>>& columns, const int32* labels,
                           int num_states, Stretch stretch, std::vector<float>* block) {
-  float* out = Reserve(block, static_cast<size_t>(stretch.count) * num_states);
+  // At least one element, so that an empty stretch still yields a real
+  // pointer for the offsets below.
+  float* out = Reserve(block, std::max<size_t>(1, static_cast<size_t>(stretch.count) * num_states));
   for (int j = 0; j < num_states; ++j) {
     auto it = columns[labels[j]].begin() + stretch.first;
     float* dst = out + j;

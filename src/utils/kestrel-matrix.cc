@@ -155,6 +155,7 @@ void MatrixBase::CopyFromMat(const MatrixBase& other) {
                           << other.NumCols() << " matrix into a " << num_rows_ << " x "
                           << num_cols_ << " one.";
   }
+  if (num_cols_ == 0) return;  // rows of nothing have no storage to copy
   for (int r = 0; r < num_rows_; ++r) {
     std::memmove(RowData(r), other.RowData(r), sizeof(float) * num_cols_);
   }
@@ -175,7 +176,7 @@ void MatrixBase::Write(bool binary, std::ostream* os) const {
     WriteToken(binary, "FM", os);
     WriteBasicType<int32>(true, num_rows_, os);
     WriteBasicType<int32>(true, num_cols_, os);
-    for (int r = 0; r < num_rows_; ++r) {
+    for (int r = 0; r < num_rows_ && num_cols_ > 0; ++r) {
       os->write(reinterpret_cast<const char*>(RowData(r)), sizeof(float) * num_cols_);
     }
   } else if (num_rows_ == 0 || num_cols_ == 0) {
@@ -243,7 +244,7 @@ void Matrix::Resize(int rows, int cols, MatrixResizeType type) {
     Matrix copy(rows, cols, kSetZero);
     int keep_rows = std::min(rows, num_rows_);
     int keep_cols = std::min(cols, num_cols_);
-    for (int r = 0; r < keep_rows; ++r) {
+    for (int r = 0; r < keep_rows && keep_cols > 0; ++r) {
       std::memcpy(copy.RowData(r), RowData(r), sizeof(float) * keep_cols);
     }
     *this = std::move(copy);
@@ -284,7 +285,7 @@ void Matrix::Read(bool binary, std::istream* is) {
     ReadTextMatrix(is, &values, &rows, &cols);
   }
   Resize(rows, cols, kUndefined);
-  for (int r = 0; r < num_rows_; ++r) {
+  for (int r = 0; r < num_rows_ && cols > 0; ++r) {
     std::memcpy(RowData(r), values.data() + static_cast<size_t>(r) * cols, sizeof(float) * cols);
   }
 }
