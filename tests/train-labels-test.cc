@@ -92,8 +92,11 @@ TEST(FrameLabels, LabelEachFrameByThePhonemeUnderItsCentre) {
   // Timings past the end of the features are dropped, not written.
   EXPECT_EQ(FrameLabels(clips[0], units, 60).size(), 60u);
   CorpusClip negative;
-  negative.kind = ClipKind::kConfusable;
+  negative.kind = ClipKind::kNegative;
   EXPECT_EQ(FrameLabels(negative, units, 5), std::vector<int>(5, 0));
+  // Confusables share the hotword's sounds: not trained on at all.
+  negative.kind = ClipKind::kConfusable;
+  EXPECT_EQ(FrameLabels(negative, units, 5), std::vector<int>(5, kUntrainedFrame));
 }
 
 TEST(ManifestLine, ReadsAPositiveAndNamesBadFields) {

@@ -148,6 +148,8 @@ int RunTrain(int argc, char** argv) {
   parser.AddInt("hidden-dim", &t.hidden_dim, "width of the hidden layers");
   parser.AddInt("hidden-layers", &t.hidden_layers, "number of hidden layers");
   parser.AddInt("batch-size", &t.batch_size, "frames per minibatch");
+  parser.AddInt("max-bin-shift", &t.max_bin_shift, "augmentation: largest shift of the mel bins");
+  parser.AddInt("max-masked-bins", &t.max_masked_bins, "augmentation: widest masked band of bins");
   parser.AddString("learning-rate", &config.learning_rate, "Adam step size");
   parser.AddInt("seed", &seed, "random seed (initial weights, sampling)");
   parser.AddString("methods", &config.methods, "search methods to choose from, comma-separated");

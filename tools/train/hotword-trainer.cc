@@ -68,6 +68,34 @@ void Normalise(const Vector& shift, const Vector& scale, Matrix* rows) {
   }
 }
 
+// Augments normalised training rows in place (see HotwordTrainerOptions):
+// per row, one shift of the mel axis and one masked band, the same for every
+// spliced frame of the row, as a different speaker or a narrowband channel
+// would change them.
+void AugmentRows(int feature_dim, const HotwordTrainerOptions& options, std::mt19937* rng,
+                 Matrix* rows) {
+  if (options.max_bin_shift <= 0 && options.max_masked_bins <= 0) return;
+  std::uniform_int_distribution<int> shift_of(-options.max_bin_shift, options.max_bin_shift);
+  std::uniform_int_distribution<int> width_of(0, std::max(0, options.max_masked_bins));
+  std::uniform_int_distribution<int> start_of(0, feature_dim - 1);
+  std::vector<float> frame(feature_dim);
+  for (int r = 0; r < rows->NumRows(); ++r) {
+    const int shift = shift_of(*rng);
+    const int width = width_of(*rng);
+    const int start = start_of(*rng);
+    float* row = rows->RowData(r);
+    for (int base = 0; base + feature_dim <= rows->NumCols(); base += feature_dim) {
+      float* x = row + base;
+      std::copy(x, x + feature_dim, frame.begin());
+      for (int b = 0; b < feature_dim; ++b) {
+        x[b] = frame[std::clamp(b - shift, 0, feature_dim - 1)];
+      }
+      // Normalised features have mean 0.
+      for (int b = start; b < std::min(feature_dim, start + width); ++b) x[b] = 0.0f;
+    }
+  }
+}
+
 // Loss and accuracy over at most `max_frames` held-out frames, unit and
 // filler frames in their natural proportion, plus the accuracy on the unit
 // frames alone (which the overall figure hides: filler dominates).
@@ -148,6 +176,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       size_t n = std::min(frames.size() - first, static_cast<size_t>(options.batch_size));
       train.MakeBatch(frames, first, n, &rows, &labels);
       Normalise(shift, scale, &rows);
+      AugmentRows(train.FeatureDim(), options, &rng, &rows);
       loss += trainer->TrainOnBatch(rows, labels) * n;
       done += n;
     }

@@ -33,6 +33,12 @@ struct HotwordTrainerOptions {
   float learning_rate = 0.001f;  // Adam step size; decays over the last epochs
   // Share of filler frames in each epoch (all unit frames are used).
   double filler_fraction = 0.5;
+  // Training-time augmentation of each spliced row, so that the network
+  // generalises to voices it has not heard: the mel bins of the whole row are
+  // shifted by up to this many bins (a crude vocal tract length change) ...
+  int32 max_bin_shift = 2;
+  // ... and a random band of up to this many bins is masked to its mean.
+  int32 max_masked_bins = 4;
   // Held-out frames scored after each epoch (unit and filler frames alike).
   int32 max_dev_frames = 200000;
   uint32 seed = 1;

@@ -145,6 +145,11 @@ HotwordUnits ChooseUnits(const std::vector<CorpusClip>& clips, int num_units) {
 }
 
 std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, int num_frames) {
+  // A confusable says the hotword's own sounds in another phrase ("hey
+  // kevin", "a kestrel"); labelled filler, its frames would teach the
+  // network that those sounds are not the hotword's units. It is left out of
+  // frame training; the search rejects it by the order of the units.
+  if (clip.kind == ClipKind::kConfusable) return std::vector<int>(std::max(0, num_frames), kUntrainedFrame);
   std::vector<int> labels(std::max(0, num_frames), 0);
   if (clip.kind != ClipKind::kPositive || units.phones.empty()) return labels;
   std::vector<int> index = AlignToCanonical(Symbols(clip), units.phones);

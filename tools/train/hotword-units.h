@@ -46,8 +46,12 @@ HotwordUnits ChooseUnits(const std::vector<CorpusClip>& clips, int num_units);
 std::vector<int> AlignToCanonical(const std::vector<std::string>& phones,
                                   const std::vector<std::string>& canonical);
 
+// Label of a frame that frame training skips.
+constexpr int kUntrainedFrame = -1;
+
 // One label per frame of the clip: 0 (filler) everywhere except under the
-// phonemes of a positive, which get their unit.
+// phonemes of a positive, which get their unit; kUntrainedFrame for every
+// frame of a confusable.
 std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, int num_frames);
 
 }  // namespace kestrel

@@ -21,6 +21,7 @@ TrainingFrames::TrainingFrames(const FeatureSet* features, std::vector<std::vect
     }
     for (int t = 0; t < features_->NumFrames(c); ++t) {
       int label = labels_[c][t];
+      if (label < 0) continue;  // not trained on
       num_labels_ = std::max(num_labels_, label + 1);
       (label == 0 ? filler_frames_ : unit_frames_).push_back({c, t});
     }

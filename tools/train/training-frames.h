@@ -33,6 +33,8 @@ class TrainingFrames {
 
   int NumLabels() const { return num_labels_; }
   int InputDim() const { return splice_.OutputDim(); }
+  // Columns of one unspliced frame.
+  int FeatureDim() const { return features_->Dim(); }
   const Splice& GetSplice() const { return splice_; }
   const std::vector<FrameRef>& UnitFrames() const { return unit_frames_; }
   const std::vector<FrameRef>& FillerFrames() const { return filler_frames_; }
