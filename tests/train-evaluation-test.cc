@@ -27,16 +27,21 @@ TEST(CountOperatingPoint, HitsMissesAndFalseAlarms) {
       Clip(ClipKind::kPositive, 4.0, 1.0, 2.0),   // detected just after the end
       Clip(ClipKind::kPositive, 4.0, 1.0, 2.0),   // detected too late: miss + FA
       Clip(ClipKind::kPositive, 4.0, 1.0, 2.0),   // detected before it starts: miss + FA
-      Clip(ClipKind::kNegative, 3600.0),          // two false alarms
-      Clip(ClipKind::kConfusable, 5.0)};          // nothing
+      Clip(ClipKind::kNegative, 3600.0),          // two false alarms, one confusable
+      Clip(ClipKind::kConfusable, 5.0),           // nothing
+      Clip(ClipKind::kConfusable, 5.0)};          // accepted
+  // A confusable phrase spoken inside the long negative at 100-101 s.
+  clips[3].confusable_spans = {{100.0, 101.0}};
   // Frame f is reported at 10 f + 12.5 ms.
-  std::vector<std::vector<int>> detections{{240}, {260}, {50}, {10, 5000}, {}};
+  std::vector<std::vector<int>> detections{{240}, {260}, {50}, {10, 5000, 10040}, {}, {30}};
   OperatingPoint p = CountOperatingPoint(clips, detections, 0.5);
   EXPECT_EQ(p.positives, 3);
   EXPECT_EQ(p.detected, 1);
   EXPECT_EQ(p.false_alarms, 4);
-  // Hours outside the hotwords: 3 x 3 s + 3600 s + 5 s.
-  EXPECT_NEAR(p.hours, (9.0 + 3600.0 + 5.0) / 3600.0, 1e-9);
+  EXPECT_EQ(p.confusables, 3);
+  EXPECT_EQ(p.confusables_accepted, 2);
+  // Hours outside the hotwords and confusables: 3 x 3 s + 3599 s.
+  EXPECT_NEAR(p.hours, (9.0 + 3599.0) / 3600.0, 1e-9);
   EXPECT_NEAR(p.FalseRejectionRate(), 2.0 / 3.0, 1e-9);
   EXPECT_NEAR(p.FalseAlarmsPerHour(), 4.0 / p.hours, 1e-9);
 

@@ -98,6 +98,17 @@ CorpusClip ParseManifestLine(const std::string& line, const std::string& where,
   clip.split = f.OptionalString("split");
   clip.engine = f.OptionalString("engine");
   clip.voice = f.OptionalString("voice");
+  if (clip.kind == ClipKind::kNegative) {
+    const JsonValue* utterances = object.Find("utterances");
+    if (utterances != nullptr && utterances->IsArray()) {
+      for (const JsonValue& u : utterances->AsArray()) {
+        if (!u.IsArray() || u.AsArray().size() < 3 || !u.AsArray()[2].IsString()) continue;
+        if (u.AsArray()[2].AsString() != "confusable") continue;
+        std::vector<double> times = Numbers(f, u, "utterances", 0, 2);
+        clip.confusable_spans.emplace_back(times[0], times[1]);
+      }
+    }
+  }
   if (clip.kind != ClipKind::kPositive) return clip;
 
   std::vector<double> span = Numbers(f, f.Get("hotword", JsonValue::kArray), "hotword", 0, 2);

@@ -5,12 +5,15 @@
 // ("positive", "negative", "confusable" or "noise"), "duration" (seconds) and,
 // for positives, "hotword" ([start, end] seconds) and the phoneme timings
 // "phonemes_arpa" (engine-independent symbols; "phonemes" when absent), each
-// [symbol, start, end]. "split", "engine" and "voice" are kept for reports.
+// [symbol, start, end]. For long negative recordings, the [start, end] of
+// each entry of "utterances" whose type (third item) is "confusable".
+// "split", "engine" and "voice" are kept for reports.
 // Other fields are ignored, so the generator may add more.
 #ifndef KESTREL_TOOLS_TRAIN_CORPUS_MANIFEST_H_
 #define KESTREL_TOOLS_TRAIN_CORPUS_MANIFEST_H_
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kestrel {
@@ -31,6 +34,8 @@ struct CorpusClip {
   double hotword_start = 0.0;
   double hotword_end = 0.0;
   std::vector<PhoneSpan> phones;
+  // Negatives only: where confusable phrases are spoken inside the clip.
+  std::vector<std::pair<double, double>> confusable_spans;
   std::string split, engine, voice;
 };
 

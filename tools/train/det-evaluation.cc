@@ -18,21 +18,40 @@ OperatingPoint CountOperatingPoint(const std::vector<CorpusClip>& clips,
   OperatingPoint point;
   for (size_t i = 0; i < clips.size(); ++i) {
     const CorpusClip& clip = clips[i];
+    if (clip.kind == ClipKind::kConfusable) {
+      ++point.confusables;
+      if (!detections[i].empty()) ++point.confusables_accepted;
+      continue;
+    }
     const bool positive = clip.kind == ClipKind::kPositive;
     bool hit = false;
+    std::vector<bool> accepted(clip.confusable_spans.size(), false);
     for (int frame : detections[i]) {
       double t = frame * kFrameShiftSeconds + kFrameCentreSeconds;
       if (positive && t >= clip.hotword_start && t <= clip.hotword_end + tolerance_seconds) {
         hit = true;
-      } else {
-        ++point.false_alarms;
+        continue;
       }
+      bool in_confusable = false;
+      for (size_t s = 0; s < clip.confusable_spans.size(); ++s) {
+        const auto& span = clip.confusable_spans[s];
+        if (t >= span.first && t <= span.second + tolerance_seconds) {
+          accepted[s] = true;
+          in_confusable = true;
+        }
+      }
+      if (!in_confusable) ++point.false_alarms;
     }
     double outside = clip.duration;
     if (positive) {
       ++point.positives;
       if (hit) ++point.detected;
       outside -= clip.hotword_end - clip.hotword_start;
+    }
+    for (size_t s = 0; s < clip.confusable_spans.size(); ++s) {
+      ++point.confusables;
+      point.confusables_accepted += accepted[s];
+      outside -= clip.confusable_spans[s].second - clip.confusable_spans[s].first;
     }
     point.hours += std::max(0.0, outside) / 3600.0;
   }
@@ -63,11 +82,13 @@ const OperatingPoint* MostSensitiveWithin(const std::vector<OperatingPoint>& cur
 std::string OperatingPointTable(const NamedCurve& curve) {
   std::ostringstream os;
   os << std::fixed;
-  os << "| sensitivity | detected | FRR | false alarms | FA/h |\n|---|---|---|---|---|\n";
+  os << "| sensitivity | detected | FRR | false alarms | FA/h | confusables accepted |\n"
+     << "|---|---|---|---|---|---|\n";
   for (const OperatingPoint& p : curve.points) {
     os << "| " << std::setprecision(3) << p.sensitivity << " | " << p.detected << "/" << p.positives
        << " | " << std::setprecision(1) << 100.0 * p.FalseRejectionRate() << "% | "
-       << p.false_alarms << " | " << std::setprecision(2) << p.FalseAlarmsPerHour() << " |\n";
+       << p.false_alarms << " | " << std::setprecision(2) << p.FalseAlarmsPerHour() << " | "
+       << p.confusables_accepted << "/" << p.confusables << " |\n";
   }
   return os.str();
 }

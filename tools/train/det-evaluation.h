@@ -5,9 +5,14 @@
 // A detection is a hit when it falls inside a positive's hotword span, or
 // up to `tolerance_seconds` after its end (the detector decides once the
 // last unit has been heard and smoothed); a positive with at least one hit
-// is detected. Every other detection is a false alarm, in negatives and in
-// the speech around a positive's hotword alike. False alarms per hour are
-// counted over all audio outside the hotword spans.
+// is detected. Confusable phrases ("hay kestrel", "hey kevin": confusable
+// clips, and the confusable utterances inside long negative recordings) are
+// scored on their own: a confusable with a detection in it (or up to the
+// tolerance after it) is an accepted confusable. Some are homophones of the
+// hotword, so they say how selective a model is rather than how often it
+// fires on everyday audio. Every other detection is a false alarm, in
+// negatives and in the speech around a positive's hotword alike. False alarms
+// per hour are counted over all audio outside hotwords and confusables.
 #ifndef KESTREL_TOOLS_TRAIN_DET_EVALUATION_H_
 #define KESTREL_TOOLS_TRAIN_DET_EVALUATION_H_
 
@@ -23,12 +28,17 @@ struct OperatingPoint {
   int positives = 0;
   int detected = 0;
   int false_alarms = 0;
-  double hours = 0.0;  // audio outside the hotword spans
+  double hours = 0.0;  // audio outside the hotword spans and confusables
+  int confusables = 0;
+  int confusables_accepted = 0;
 
   double FalseRejectionRate() const {
     return positives > 0 ? 1.0 - static_cast<double>(detected) / positives : 0.0;
   }
   double FalseAlarmsPerHour() const { return hours > 0 ? false_alarms / hours : 0.0; }
+  double ConfusableAcceptRate() const {
+    return confusables > 0 ? static_cast<double>(confusables_accepted) / confusables : 0.0;
+  }
 };
 
 // `detections[i]`: frames of clip i at which the hotword was reported.
