@@ -110,6 +110,15 @@ TEST(ManifestLine, ReadsAPositiveAndNamesBadFields) {
   EXPECT_EQ(c.phones[1].symbol, "EY");
   EXPECT_DOUBLE_EQ(c.hotword_end, 1.2);
 
+  // A long negative keeps where its confusable phrases are spoken.
+  c = ParseManifestLine(
+      R"({"wav": "s.wav", "kind": "negative", "duration": 600, "utterances": [)"
+      R"([0.5, 6.4, "sentence", "e", "v", "x"], [7.25, 8.0, "confusable", "e", "v", "hay kestrel"]]})",
+      "m.jsonl:2", "");
+  ASSERT_EQ(c.confusable_spans.size(), 1u);
+  EXPECT_DOUBLE_EQ(c.confusable_spans[0].first, 7.25);
+  EXPECT_DOUBLE_EQ(c.confusable_spans[0].second, 8.0);
+
   std::string text = KESTREL_ERROR_TEXT(ParseManifestLine(
       R"({"wav": "a.wav", "kind": "postive", "duration": 1})", "m.jsonl:7", ""));
   EXPECT_NE(text.find("m.jsonl:7"), std::string::npos) << text;

@@ -104,8 +104,11 @@ CorpusClip ParseManifestLine(const std::string& line, const std::string& where,
       for (const JsonValue& u : utterances->AsArray()) {
         if (!u.IsArray() || u.AsArray().size() < 3 || !u.AsArray()[2].IsString()) continue;
         if (u.AsArray()[2].AsString() != "confusable") continue;
-        std::vector<double> times = Numbers(f, u, "utterances", 0, 2);
-        clip.confusable_spans.emplace_back(times[0], times[1]);
+        // [start, end, type, engine, voice, text]: only the times are read.
+        const std::vector<JsonValue>& items = u.AsArray();
+        f.Check(items[0], "utterances", JsonValue::kNumber);
+        f.Check(items[1], "utterances", JsonValue::kNumber);
+        clip.confusable_spans.emplace_back(items[0].AsNumber(), items[1].AsNumber());
       }
     }
   }
