@@ -28,7 +28,7 @@ struct HotwordTrainerOptions {
   int32 right_context = 5;
   int32 hidden_dim = 128;
   int32 hidden_layers = 3;
-  int32 epochs = 6;
+  int32 epochs = 8;
   int32 batch_size = 256;
   float learning_rate = 0.001f;  // Adam step size; decays over the last epochs
   // Share of filler frames in each epoch (all unit frames are used).
