@@ -5,6 +5,8 @@
 #include <limits>
 #include <sstream>
 
+#include "detect/universal-detect-stream.h"
+
 namespace kestrel {
 
 ArgParser::ArgParser(const std::string& usage, const std::string& description)
@@ -128,6 +130,14 @@ std::string ArgParser::Help() const {
   }
   os << "  --help                  show this help\n";
   return os.str();
+}
+
+void AddCorpusScanOptions(ArgParser* parser, UniversalDetectStreamOptions* detector) {
+  parser->AddInt("slide-step", &detector->slide_step, "detector: feature frames per search step");
+  parser->AddInt("min-state-frames", &detector->min_state_frames,
+                 "detector: frames each unit must last");
+  parser->AddInt("refractory-frames", &detector->refractory_frames,
+                 "detector: frames after a detection in which no other is reported");
 }
 
 }  // namespace kestrel

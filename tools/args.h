@@ -16,6 +16,8 @@
 
 namespace kestrel {
 
+struct UniversalDetectStreamOptions;
+
 // Exit codes of every command.
 constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;  // the input or a file could not be processed
@@ -57,6 +59,10 @@ class ArgParser {
   std::vector<Option> options_;
   bool help_requested_ = false;
 };
+
+// The detector options that the corpus commands (train, evaluate) let the
+// user set when they run the detector over stored network outputs.
+void AddCorpusScanOptions(ArgParser* parser, UniversalDetectStreamOptions* detector);
 
 }  // namespace kestrel
 

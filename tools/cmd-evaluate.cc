@@ -170,10 +170,7 @@ int RunEvaluate(int argc, char** argv) {
   parser.AddString("max-fa-per-hour", &config.max_fa,
                    "false alarm budget when tuning the compared methods");
   parser.AddInt("threads", &config.threads, "worker threads");
-  parser.AddInt("slide-step", &detector.slide_step, "detector: feature frames per search step");
-  parser.AddInt("min-state-frames", &detector.min_state_frames, "detector: frames each unit must last");
-  parser.AddInt("refractory-frames", &detector.refractory_frames,
-                "detector: frames after a detection in which no other is reported");
+  AddCorpusScanOptions(&parser, &detector);
   std::vector<std::string> positional;
   std::string error;
   if (!parser.Parse(argc, argv, 2, &positional, &error)) return UsageError("evaluate", error);

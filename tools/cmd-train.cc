@@ -157,10 +157,7 @@ int RunTrain(int argc, char** argv) {
                    "false alarms per hour allowed on the held-out split");
   parser.AddInt("threads", &config.threads, "worker threads for features and tuning");
   parser.AddFlag("text", &config.text, "write the model in text form");
-  parser.AddInt("slide-step", &detector.slide_step, "detector: feature frames per search step");
-  parser.AddInt("min-state-frames", &detector.min_state_frames, "detector: frames each unit must last");
-  parser.AddInt("refractory-frames", &detector.refractory_frames,
-                "detector: frames after a detection in which no other is reported");
+  AddCorpusScanOptions(&parser, &detector);
   std::vector<std::string> positional;
   std::string error;
   if (!parser.Parse(argc, argv, 2, &positional, &error)) return UsageError("train", error);
