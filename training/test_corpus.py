@@ -99,6 +99,11 @@ class TinyCorpus(unittest.TestCase):
                     self.assertNotEqual(u[3], "festival")
         self.assertIn("festival", {e["engine"] for e in self.m["test"]})
 
+    def test_test_speech_is_left_as_the_engine_made_it(self):
+        self.assertFalse([e for e in self.m["test"] if "channel" in e or "warp" in e])
+        pos = [e for e in self.m["train"] if e["kind"] == "positive"]
+        self.assertTrue(pos and all("channel" in e and "warp" in e for e in pos))
+
     def test_same_seed_same_bytes(self):
         out = os.path.join(self.tmp.name, "b")
         with open(os.devnull, "w") as null:
@@ -139,6 +144,22 @@ class Pieces(unittest.TestCase):
             onset, offset = audio.active_span(u.audio, -40)
             self.assertLess(abs(onset - u.span[0]), 0.04, r)
             self.assertLess(abs(offset - u.span[1]), 0.06, r)
+
+    def test_speaker_warp_moves_timings_with_audio(self):
+        # A burst at 0.5-0.6 s labelled as a phone; after the warp the label
+        # must still cover the burst, and a tone's pitch scales by the factor.
+        t = np.arange(16000) / 16000
+        x = np.where((t >= 0.5) & (t < 0.6), np.sin(2 * np.pi * 1000 * t), 0).astype(np.float32)
+        for k in (44, 57):
+            u = build.warped(tts.Utt(x, [("a", 0.5, 0.6)]), k)
+            onset, offset = audio.active_span(u.audio, -20)
+            self.assertLess(abs(onset - u.phones[0][1]), 0.011, k)
+            self.assertLess(abs(offset - u.phones[0][2]), 0.011, k)
+            spectrum = np.abs(np.fft.rfft(u.audio))
+            peak_hz = np.argmax(spectrum) * 16000 / len(u.audio)
+            self.assertAlmostEqual(peak_hz / 1000, k / audio.WARP_BASE, delta=0.01)
+        self.assertIs(build.warped(tts.Utt(x, []), None).audio, x)
+
 
 if __name__ == "__main__":
     unittest.main()

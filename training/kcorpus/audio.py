@@ -5,7 +5,7 @@ from math import gcd
 
 import numpy as np
 from scipy.io import wavfile
-from scipy.signal import firwin, lfilter, oaconvolve, resample_poly
+from scipy.signal import butter, firwin, lfilter, oaconvolve, resample_poly, sosfilt
 
 SR = 16000
 NOISE_KINDS = ("white", "pink", "brown", "babble")
@@ -43,6 +43,33 @@ def resample(x, sr):
     g = gcd(SR, sr)
     up, down = SR // g, sr // g
     return resample_poly(x, up, down, window=_aa_filter(up, down)).astype(np.float32)
+
+
+# Speaker warps are resampling ratios k / WARP_BASE, k in WARP_STEPS: few
+# distinct ratios, so each anti-aliasing filter is designed once.
+WARP_BASE = 50
+WARP_STEPS = tuple(range(44, 58))
+
+
+def warp(x, k):
+    """x played k / WARP_BASE times faster: formants, pitch and tempo all
+    scale by that factor, as from a speaker with a shorter vocal tract."""
+    return resample_poly(x, WARP_BASE, k, window=_aa_filter(WARP_BASE, k)).astype(np.float32)
+
+
+def channel(x, tilt=0.0, lowpass_hz=None, highpass_hz=None):
+    """A microphone or line: first-order spectral tilt (tilt > 0 lifts the
+    highs, < 0 the lows) and optional band limits (6th-order Butterworth)."""
+    y = np.asarray(x, np.float64)
+    if tilt > 0:
+        y = lfilter([1.0, -tilt], [1.0], y)
+    elif tilt < 0:
+        y = lfilter([1.0], [1.0, tilt], y)
+    if lowpass_hz:
+        y = sosfilt(butter(6, lowpass_hz, "lowpass", fs=SR, output="sos"), y)
+    if highpass_hz:
+        y = sosfilt(butter(6, highpass_hz, "highpass", fs=SR, output="sos"), y)
+    return y.astype(np.float32)
 
 
 def fade(x, ms=10.0):

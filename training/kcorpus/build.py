@@ -45,22 +45,25 @@ ESPEAK_VARIANTS = {
 ESPEAK_RATES = {"train": list(range(110, 231, 10)),
                 "dev": list(range(115, 236, 20)),
                 "test": list(range(125, 226, 20))}
-# Festival's kal/slt voices are built from the same recordings as Flite's
-# kal/kal16/slt, so those stay out of train to keep test speakers unseen.
-FLITE_VOICES = {"train": ["awb", "rms"], "dev": ["kal", "kal16", "slt"], "test": []}
-ENGINE_MIX = {"train": {"espeak-ng": 0.75, "flite": 0.25},
+# All of Flite's voices train: two natural voices were too few to generalise
+# from. Festival's kal and slt voices are built from the same recordings as
+# Flite's kal/kal16/slt, so of the test voices only Festival's ked is a
+# speaker never heard in training; the evaluation reports it on its own.
+FLITE_VOICES = {"train": ["awb", "rms", "slt", "kal16", "kal"],
+                "dev": ["awb", "rms", "slt", "kal16", "kal"], "test": []}
+ENGINE_MIX = {"train": {"espeak-ng": 0.6, "flite": 0.4},
               "dev": {"espeak-ng": 0.6, "flite": 0.4},
               "test": {"espeak-ng": 0.5, "festival": 0.5},
               "sample": {"festival": 1.0}}
 # Flite's clustergen voices run at only ~15x real time on one core, so the
 # hours of long negative recordings lean on eSpeak.
-STREAM_MIX = {"train": {"espeak-ng": 0.9, "flite": 0.1},
+STREAM_MIX = {"train": {"espeak-ng": 0.85, "flite": 0.15},
               "dev": {"espeak-ng": 0.8, "flite": 0.2},
               "test": {"espeak-ng": 0.5, "festival": 0.5}}
 
 DEFAULTS = {
-    "positives": {"train": 4000, "dev": 400, "test": 1000},
-    "hours": {"train": 3.0, "dev": 0.5, "test": 2.0},
+    "positives": {"train": 5000, "dev": 500, "test": 1000},
+    "hours": {"train": 3.0, "dev": 1.0, "test": 2.0},
     "confusable_ratio": 0.25, "negative_ratio": 0.25, "noise_ratio": 0.05,
     "stream_seconds": 600.0, "test_snr": 10.0,
 }
@@ -152,6 +155,31 @@ def aug_params(rng, split, cfg):
             "reverb": rev, "level_db": round(float(rng.uniform(-38, -16)), 2)}
 
 
+def speaker_params(rng, split):
+    """Train and dev speech is made to sound like more speakers and
+    microphones than the engines have: a resampling factor (vocal tract
+    length, pitch and tempo together; None keeps the voice) and a channel
+    (spectral tilt, band limits). Test speech is left as the engine made it,
+    and its random draws are untouched."""
+    if split == "test":
+        return None, None
+    warp = None
+    if rng.random() < 0.6:
+        warp = int(rng.choice([k for k in audio.WARP_STEPS if k != audio.WARP_BASE]))
+    channel = {"tilt": round(float(rng.uniform(-0.7, 0.7)), 3) if rng.random() < 0.5 else 0.0,
+               "lowpass_hz": int(rng.uniform(3000, 7000)) if rng.random() < 0.15 else None,
+               "highpass_hz": int(rng.uniform(100, 400)) if rng.random() < 0.15 else None}
+    return warp, channel
+
+
+def warped(u, warp):
+    """Utt u resampled by `warp` (see audio.warp), phone times with it."""
+    if warp is None:
+        return u
+    f = audio.WARP_BASE / warp
+    return tts.Utt(audio.warp(u.audio, warp), [(s, a * f, b * f) for s, a, b in u.phones])
+
+
 # ------------------------------------------------------------ rendering
 
 def mix_parts(rng, speech, spans, aug, split):
@@ -212,6 +240,7 @@ def plan_clip(cfg, split, kind, idx):
             if plan[flag]:
                 plan["reqs"].append(dict(v, text=context_text(rng, split)))
     plan["aug"] = aug_params(rng, split, cfg)
+    plan["warp"], plan["channel"] = speaker_params(rng, split)
     return plan
 
 
@@ -229,7 +258,7 @@ def render_clip(cfg, plan, utts):
         entry.update(text=None, engine=None, voice=None, rate=None, pitch=None,
                      snr_db=None, noise=k, reverb=None, level_db=round(lvl, 2))
         return entry, np.zeros(n, np.float32), noise, []
-    utts = [u.trimmed() for u in utts]
+    utts = [warped(u, plan["warp"]).trimmed() for u in utts]
     v = plan["voice"]
     if kind == "negative":
         pieces = [float(rng.uniform(0.2, 1.0))]
@@ -260,6 +289,10 @@ def render_clip(cfg, plan, utts):
             entry["phonemes_arpa"] = [[tts.to_arpa(v["engine"], s), _r(o + a), _r(o + b)]
                                       for s, a, b in main.phones]
     aug = plan["aug"]
+    if plan["channel"]:
+        x = audio.channel(x, **plan["channel"])
+        entry.update(warp=plan["warp"] and plan["warp"] / audio.WARP_BASE,
+                     channel=plan["channel"])
     speech, noise = mix_parts(rng, x, spans, aug, split)
     entry.update(text=text, engine=v["engine"], voice=v["voice"], rate=v["rate"],
                  pitch=v["pitch"], snr_db=aug["snr_db"], noise=aug["noise"],
@@ -285,13 +318,16 @@ def plan_stream(cfg, split, idx):
         gain = float(rng.uniform(-6, 6))
         gap = float(rng.uniform(8, 25)) if rng.random() < 0.04 else float(
             np.clip(rng.exponential(0.8), 0.1, 5.0))
-        items.append(dict(kind=kind, req=dict(v, text=text), gain=gain, gap=gap))
+        warp, _ = speaker_params(rng, split)
+        items.append(dict(kind=kind, req=dict(v, text=text), gain=gain, gap=gap, warp=warp))
         # Under-estimate the spoken length so the stream gets filled; items
         # that do not fit are skipped after synthesis.
         t += 0.25 * len(text.split()) + 0.2 + gap
-    return {"rng": rng, "split": split, "kind": "stream", "idx": idx, "items": items,
+    plan = {"rng": rng, "split": split, "kind": "stream", "idx": idx, "items": items,
             "reqs": [it["req"] for it in items], "aug": aug_params(rng, split, cfg),
             "length": length}
+    plan["channel"] = speaker_params(rng, split)[1]
+    return plan
 
 
 def render_stream(cfg, plan, utts):
@@ -301,7 +337,7 @@ def render_stream(cfg, plan, utts):
     t = int(rng.uniform(0.2, 2.0) * audio.SR)
     spans, utt_info = [], []
     for it, u in zip(plan["items"], utts):
-        u = u.trimmed()
+        u = warped(u, it.get("warp")).trimmed()
         if t + len(u.audio) > n:
             continue
         x[t:t + len(u.audio)] += u.audio * np.float32(10 ** (it["gain"] / 20))
@@ -311,6 +347,8 @@ def render_stream(cfg, plan, utts):
         utt_info.append([_r(a), _r(b), it["kind"], r["engine"], r["voice"], r["text"]])
         t += len(u.audio) + int(it["gap"] * audio.SR)
     aug = plan["aug"]
+    if plan["channel"]:
+        x = audio.channel(x, **plan["channel"])
     speech, noise = mix_parts(rng, x, spans, aug, split)
     engines = sorted({u[3] for u in utt_info})
     entry = {"split": split, "kind": "negative", "text": None, "engine": "+".join(engines),
