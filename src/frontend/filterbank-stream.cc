@@ -11,12 +11,13 @@ FilterbankStream::FilterbankStream()
     : fft_(kFftSize),
       mel_banks_(kNumBins, kLowHz, kHighHz, kFftSize, kSampleRate),
       window_(kFrameLength),
-      frame_(kFftSize, 0.0),
+      centred_(kFrameLength),
+      frame_(kFftSize, 0.0f),
       power_(kFftSize / 2 + 1),
       energies_(kNumBins) {
   const double pi = std::acos(-1.0);
   for (int i = 0; i < kFrameLength; ++i) {
-    window_[i] = 0.54 - 0.46 * std::cos(2.0 * pi * i / (kFrameLength - 1));
+    window_[i] = static_cast<float>(0.54 - 0.46 * std::cos(2.0 * pi * i / (kFrameLength - 1)));
   }
 }
 
@@ -57,19 +58,28 @@ bool FilterbankStream::Reset() {
 }
 
 void FilterbankStream::ComputeFrame(const float* samples, float* out) {
-  double mean = 0.0;
-  for (int i = 0; i < kFrameLength; ++i) mean += samples[i];
-  mean /= kFrameLength;
-  for (int i = 0; i < kFrameLength; ++i) frame_[i] = samples[i] - mean;
-  for (int i = kFrameLength - 1; i > 0; --i) frame_[i] -= kPreemphasis * frame_[i - 1];
-  frame_[0] -= kPreemphasis * frame_[0];
-  for (int i = 0; i < kFrameLength; ++i) frame_[i] *= window_[i];
-  // frame_[kFrameLength..kFftSize) stays zero from construction.
-  fft_.PowerSpectrum(frame_.data(), power_.data());
-  mel_banks_.Compute(power_.data(), energies_.data());
-  for (int j = 0; j < kNumBins; ++j) {
-    out[j] = static_cast<float>(std::log(std::max(energies_[j], kEnergyFloor)));
+  // Eight running sums in a fixed order, which the compiler vectorises; the
+  // order does not depend on where the frame lies in the stream.
+  constexpr int kLanes = 8;
+  static_assert(kFrameLength % kLanes == 0, "the mean's lanes must tile a frame");
+  float lanes[kLanes] = {};
+  for (int i = 0; i < kFrameLength; i += kLanes) {
+    for (int l = 0; l < kLanes; ++l) lanes[l] += samples[i + l];
   }
+  float sum = 0.0f;
+  for (float lane : lanes) sum += lane;
+  const float mean = sum / kFrameLength;
+  float* centred = centred_.data();
+  for (int i = 0; i < kFrameLength; ++i) centred[i] = samples[i] - mean;
+  float* frame = frame_.data();
+  frame[0] = (centred[0] - kPreemphasis * centred[0]) * window_[0];
+  for (int i = 1; i < kFrameLength; ++i) {
+    frame[i] = (centred[i] - kPreemphasis * centred[i - 1]) * window_[i];
+  }
+  // frame_[kFrameLength..kFftSize) stays zero from construction.
+  fft_.PowerSpectrum(frame, power_.data());
+  mel_banks_.Compute(power_.data(), energies_.data());
+  for (int j = 0; j < kNumBins; ++j) out[j] = std::log(std::max(energies_[j], kEnergyFloor));
 }
 
 }  // namespace kestrel

@@ -36,16 +36,16 @@ MelBanks::MelBanks(int num_bins, double low_hz, double high_hz, int fft_size,
       const double weight =
           mel <= centre ? (mel - left) / (centre - left) : (right - mel) / (right - centre);
       if (filter.weights.empty()) filter.first_index = k;
-      filter.weights.push_back(weight);
+      filter.weights.push_back(static_cast<float>(weight));
     }
   }
 }
 
-void MelBanks::Compute(const double* power, double* energies) const {
+void MelBanks::Compute(const float* power, float* energies) const {
   for (size_t j = 0; j < filters_.size(); ++j) {
     const Filter& filter = filters_[j];
-    const double* bins = power + filter.first_index;
-    double sum = 0.0;
+    const float* bins = power + filter.first_index;
+    float sum = 0.0f;
     for (size_t k = 0; k < filter.weights.size(); ++k) sum += filter.weights[k] * bins[k];
     energies[j] = sum;
   }

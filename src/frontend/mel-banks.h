@@ -20,14 +20,14 @@ class MelBanks {
 
   int NumBins() const { return static_cast<int>(filters_.size()); }
 
-  // energies[j] = sum_k weight_j(k) * power[k]; `power` holds fft_size/2 + 1
-  // values, `energies` receives NumBins().
-  void Compute(const double* power, double* energies) const;
+  // energies[j] = sum_k weight_j(k) * power[k], in single precision; `power`
+  // holds fft_size/2 + 1 values, `energies` receives NumBins().
+  void Compute(const float* power, float* energies) const;
 
  private:
   struct Filter {
     int first_index = 0;          // first spectrum bin with a nonzero weight
-    std::vector<double> weights;  // weights of bins first_index, first_index + 1, ...
+    std::vector<float> weights;  // weights of bins first_index, first_index + 1, ...
   };
   std::vector<Filter> filters_;
 };
