@@ -150,6 +150,38 @@ TEST(DetectReadTest, NearMissLeadsToHighSensitivityModeAcrossCalls) {
   EXPECT_EQ(1, same.ReadAt(261, 0.8f));
 }
 
+// The Viterbi and soft-floor searches are skipped where a bound proves them
+// below both thresholds; a score exactly at a threshold must still count, as
+// a detection or as a near miss.
+TEST(DetectReadTest, BoundedSearchesStillCountScoresExactlyAtAThreshold) {
+  for (int32 method : {3, 6}) {
+    TestModel model = ProbeModel({{1, 2}});
+    model.hotwords[0].search = TestSearchGroup{method, 0, {0, 5, 10}, {0.1f, 0.1f}};
+    // Five frames of each unit at 0.5: the path over the last ten scores 5 / 10.
+    auto feed = [](Harness* h, int32 first_frame, bool pattern) {
+      int detected = 0;
+      for (int f = 0; f < 10; ++f) {
+        h->upstream.SetNextFrameId(first_frame + f);
+        const float v = pattern ? 0.5f : 0.0f;
+        h->upstream.Push({{0.0f, f < 5 ? v : 0.0f, f < 5 ? 0.0f : v}});
+        if (h->Read() != 0) detected = first_frame + f;
+      }
+      return detected;
+    };
+    UniversalDetectStreamOptions options;
+    options.sensitivity_str = "0.5";
+    Harness at_normal({model}, options);
+    EXPECT_EQ(9, feed(&at_normal, 0, true)) << method;  // only the last frame completes it
+
+    options.sensitivity_str = "0.4";
+    options.high_sensitivity_str = "0.5";
+    Harness at_high({model}, options);
+    EXPECT_EQ(0, feed(&at_high, 0, true)) << method;  // a near miss at frame 9
+    for (int32 first = 10; first < 70; first += 10) EXPECT_EQ(0, feed(&at_high, first, false));
+    EXPECT_EQ(79, feed(&at_high, 70, true)) << method;  // judged by the high threshold
+  }
+}
+
 TEST(DetectReadTest, MisconfiguredStageFailsTheRead) {
   TestModel model = ProbeModel({{0}, {1}});
   model.hotwords[1].search = TestSearchGroup{9, 0, {0, 10}, {0.1f}};

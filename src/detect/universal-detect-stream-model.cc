@@ -136,6 +136,8 @@ void UniversalDetectStream::ReadHotwordModel(const std::string& model_str) {
   slide_window_.resize(num_models, 0);
   smooth_buffers_.resize(num_models);
   posterior_windows_.resize(num_models);
+  search_frame_best_.resize(num_models);
+  search_frame_magnitude_.resize(num_models);
   smooth_sums_.resize(num_models);
   redup_pending_.resize(num_models);
   redup_frame_.resize(num_models);
@@ -243,6 +245,8 @@ void UniversalDetectStream::ReadModelFile(int model_id, const std::string& filen
   }
   smooth_buffers_[m].assign(num_outputs, std::deque<float>());
   posterior_windows_[m].assign(num_outputs, std::deque<float>());
+  search_frame_best_[m].assign(keywords_[m].size(), std::deque<float>());
+  search_frame_magnitude_[m].assign(keywords_[m].size(), std::deque<float>());
   smooth_sums_[m].assign(num_outputs, 0.0f);
 
   // A model is piecewise as a whole or not at all, as its first hotword says.

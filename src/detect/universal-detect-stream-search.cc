@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdint>
 #include <deque>
+#include <limits>
 #include <vector>
 
 #include "detect/universal-detect-stream.h"
@@ -225,7 +226,71 @@ bool PieceRuledOut(const double* sums, int length, int32 end_frame,
   return bound + 4.8e-7 * std::fabs(bound) < threshold;
 }
 
+// The searches whose score SearchRuledOut bounds: each reached state's score
+// adds exactly one value per searched frame (the unit's posterior, or for the
+// soft floor the floor's negative in its place), and the result is the last
+// or best state's score divided by the span, or 0.
+constexpr int32 kViterbiSearchMethod = 3;
+constexpr int32 kSoftFloorSearchMethod = 6;
+
 }  // namespace
+
+void UniversalDetectStream::PushSearchBounds(int model_id, const MatrixBase& rows) {
+  const size_t max_size = static_cast<size_t>(slide_window_[model_id]);
+  for (size_t k = 0; k < keywords_[model_id].size(); ++k) {
+    const int32 method = search_method_[model_id][k];
+    if (method != kViterbiSearchMethod && method != kSoftFloorSearchMethod) continue;
+    const std::vector<int32>& keyword = keywords_[model_id][k];
+    const float* floors = search_floor_[model_id][k].data();
+    std::deque<float>& best = search_frame_best_[model_id][k];
+    std::deque<float>& magnitude = search_frame_magnitude_[model_id][k];
+    for (int r = 0; r < rows.NumRows(); ++r) {
+      const float* row = rows.RowData(r);
+      float frame_best = -std::numeric_limits<float>::infinity();
+      float frame_magnitude = 0.0f;  // a NaN posterior stays in this sum
+      for (size_t j = 0; j < keyword.size(); ++j) {
+        float v = row[keyword[j]];
+        if (method == kSoftFloorSearchMethod && !(v >= floors[j])) v = -floors[j];
+        frame_best = std::max(frame_best, v);
+        frame_magnitude += std::fabs(v);
+      }
+      best.push_back(frame_best);
+      magnitude.push_back(frame_magnitude);
+      // Trimmed as the posterior windows are, so both hold the same frames.
+      if (best.size() > max_size) {
+        best.pop_front();
+        magnitude.pop_front();
+      }
+    }
+  }
+}
+
+bool UniversalDetectStream::SearchRuledOut(int model_id, int hotword_id, float threshold) const {
+  const std::deque<float>& best = search_frame_best_[model_id][hotword_id];
+  const std::deque<float>& magnitude = search_frame_magnitude_[model_id][hotword_id];
+  const std::vector<int32>& mask = search_mask_[model_id][hotword_id];
+  const int32 span = mask.empty() ? 0 : mask.back();
+  // Searches that find nothing score 0, which must lie below the threshold too.
+  if (best.empty() || keywords_[model_id][hotword_id].empty() || span <= 0 ||
+      !(0.0f < threshold)) {
+    return false;
+  }
+  const Stretch stretch = LastFrames(static_cast<int>(best.size()), span);
+  double best_sum = 0.0, magnitude_sum = 0.0;
+  for (int f = stretch.first; f < stretch.first + stretch.count; ++f) {
+    best_sum += best[f];
+    magnitude_sum += magnitude[f];
+  }
+  // NaNs, infinities and huge values are never ruled out.
+  if (!(magnitude_sum < 1e30)) return false;
+  // A path score is a single-precision sum of one value per frame, each at
+  // most that frame's best: it exceeds best_sum by no more than its rounding,
+  // bounded (twice over) by count * 2^-24 * magnitude_sum. The margin on the
+  // quotient covers the search's division and the double sums here.
+  const double rounding = 1.2e-7 * (stretch.count + 2) * magnitude_sum;
+  const double bound = (best_sum + rounding) / static_cast<float>(span);
+  return bound + 4.8e-7 * std::fabs(bound) < threshold;
+}
 
 float UniversalDetectStream::HotwordViterbiSearch(int32 model_id, int32 hotword_id) const {
   const std::vector<int32>& keyword = keywords_[model_id][hotword_id];

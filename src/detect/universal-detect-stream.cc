@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "utils/kestrel-log.h"
 
@@ -140,10 +141,14 @@ int UniversalDetectStream::ChooseDetectedHotword(int model_id, int32 frame_id) {
   float best = 0.0f;
   int best_k = -1;
   for (int k = 0; k < static_cast<int>(keywords_[m].size()); ++k) {
-    // Every hotword is scored on every step: some searches keep state.
-    const float score = GetHotwordPosterior(m, k, frame_id);
     const float normal_threshold = 1.0f - sensitivities_[m][k];
     const float high_threshold = 1.0f - high_sensitivities_[m][k];
+    // Every hotword is scored on every step (some searches keep state),
+    // unless its score provably lies below both thresholds: any such score
+    // leads to the same decisions below.
+    const float score = SearchRuledOut(m, k, std::min(normal_threshold, high_threshold))
+                            ? -std::numeric_limits<float>::infinity()
+                            : GetHotwordPosterior(m, k, frame_id);
     bool high_rule = high_sensitivity_mode_;
     if (near_miss_pending_ && FramesSince(frame_id, near_miss_frame_) > kNearMissDelayFrames) {
       near_miss_pending_ = false;
@@ -219,6 +224,7 @@ void UniversalDetectStream::PushSlideWindow(int model_id, const MatrixBase& rows
       if (windows[c].size() > max_size) windows[c].pop_front();
     }
   }
+  PushSearchBounds(model_id, rows);
 }
 
 bool UniversalDetectStream::ResetDetection() {
@@ -229,6 +235,8 @@ bool UniversalDetectStream::ResetDetection() {
       smooth_sums_[m][c] = 0.0f;
     }
     for (size_t k = 0; k < keywords_[m].size(); ++k) {
+      search_frame_best_[m][k].clear();
+      search_frame_magnitude_[m][k].clear();
       redup_pending_[m][k] = false;
       redup_frame_[m][k] = -1000;
       redup_score_[m][k] = 0.0f;

@@ -210,6 +210,13 @@ class UniversalDetectStream : public StreamItf {
   // Applies a sensitivity list to `target` (shared by the two setters).
   void SetSensitivityList(const std::string& str,
                           std::vector<std::vector<float>>* target);
+  // Appends the score bounds of each row of a step to model m's bound
+  // windows (see search_frame_best_); called with every PushSlideWindow.
+  void PushSearchBounds(int model_id, const MatrixBase& rows);
+  // True when hotword k of model m is scored by a bounded search (Viterbi
+  // or soft floor) that provably scores below `threshold` on the current
+  // windows, so that running it cannot change any decision.
+  bool SearchRuledOut(int model_id, int hotword_id, float threshold) const;
 
   UniversalDetectStreamOptions options_;
   // Frame id of the last detection; starts at -refractory_frames so that the
@@ -242,6 +249,13 @@ class UniversalDetectStream : public StreamItf {
   std::vector<int32> slide_window_;
   std::vector<std::vector<std::deque<float>>> smooth_buffers_;
   std::vector<std::vector<std::deque<float>>> posterior_windows_;
+  // [m][k], for the hotwords of the Viterbi and soft-floor searches (empty
+  // for the others), one entry per frame of the sliding window: the largest
+  // value the search can add to a path score at that frame, and the sum of
+  // the magnitudes of all it can add there. Most steps on audio without the
+  // hotword are settled by these bounds, without running the search.
+  std::vector<std::vector<std::deque<float>>> search_frame_best_;
+  std::vector<std::vector<std::deque<float>>> search_frame_magnitude_;
   std::vector<std::vector<float>> smooth_sums_;
   std::vector<std::vector<bool>> redup_pending_;
   std::vector<std::vector<int32>> redup_frame_;
