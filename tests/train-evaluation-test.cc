@@ -51,6 +51,29 @@ TEST(CountOperatingPoint, HitsMissesAndFalseAlarms) {
   EXPECT_EQ(twice.false_alarms, 0);
 }
 
+TEST(FrrByVoiceTable, OneRowPerVoiceOfFewVoiceEnginesOneForManyVoiceEngines) {
+  std::vector<CorpusClip> clips;
+  std::vector<std::vector<int>> detections;
+  auto add = [&](const std::string& engine, const std::string& voice, bool detected) {
+    clips.push_back(Clip(ClipKind::kPositive, 4.0, 1.0, 2.0));
+    clips.back().engine = engine;
+    clips.back().voice = voice;
+    detections.push_back(detected ? std::vector<int>{150} : std::vector<int>{});
+  };
+  add("festival", "ked", false);
+  add("festival", "ked", true);
+  add("festival", "kal", true);
+  for (int v = 0; v < 9; ++v) add("espeak-ng", "en+" + std::to_string(v), v != 3);
+  // Negatives have no voice row, and their detections count nowhere here.
+  clips.push_back(Clip(ClipKind::kNegative, 10.0));
+  detections.push_back({100});
+  EXPECT_EQ(FrrByVoiceTable(clips, detections, 0.5),
+            "| voice | detected | FRR |\n|---|---|---|\n"
+            "| espeak-ng (all voices) | 8/9 | 11.1% |\n"
+            "| festival kal | 1/1 | 0.0% |\n"
+            "| festival ked | 1/2 | 50.0% |\n");
+}
+
 TEST(OperatingCurve, PicksTheBestPointWithinTheBudget) {
   auto point = [](float s, int detected, int fa) {
     OperatingPoint p;

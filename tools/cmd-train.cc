@@ -37,6 +37,7 @@ struct TrainConfig {
   std::string methods = "3,6";
   std::string max_fa = "0.5";
   std::string learning_rate = "0.001";
+  std::string filler_fraction = "0.5";
   int32 units = 6;
   int32 threads = 2;
   bool text = false;
@@ -147,6 +148,11 @@ int RunTrain(int argc, char** argv) {
   parser.AddInt("epochs", &t.epochs, "passes over the hotword frames");
   parser.AddInt("hidden-dim", &t.hidden_dim, "width of the hidden layers");
   parser.AddInt("hidden-layers", &t.hidden_layers, "number of hidden layers");
+  parser.AddInt("left-context", &t.left_context, "past feature frames the network sees");
+  parser.AddInt("right-context", &t.right_context,
+                "future feature frames the network sees (each adds 10 ms of latency)");
+  parser.AddString("filler-fraction", &config.filler_fraction,
+                   "share of filler frames in each epoch, in (0, 1)");
   parser.AddInt("batch-size", &t.batch_size, "frames per minibatch");
   parser.AddInt("max-bin-shift", &t.max_bin_shift, "augmentation: largest shift of the mel bins");
   parser.AddInt("max-masked-bins", &t.max_masked_bins, "augmentation: widest masked band of bins");
@@ -169,12 +175,17 @@ int RunTrain(int argc, char** argv) {
   if (config.out.empty()) return UsageError("train", "--out is required");
   if (!positional.empty()) return UsageError("train", "unexpected argument \"" + positional[0] + "\"");
   if (config.threads < 1 || config.units < 1 || t.epochs < 1 || t.batch_size < 1 ||
-      t.hidden_dim < 1 || t.hidden_layers < 0) {
+      t.hidden_dim < 1 || t.hidden_layers < 0 || t.left_context < 0 || t.right_context < 0) {
     return UsageError("train", "--threads, --units, --epochs, --batch-size and --hidden-dim must be "
-                               "at least 1, --hidden-layers at least 0");
+                               "at least 1, --hidden-layers and the contexts at least 0");
   }
   t.seed = static_cast<uint32>(seed);
   try {
+    config.trainer.filler_fraction = ConvertStringToIntegerOrFloat<double>(config.filler_fraction);
+    if (!(config.trainer.filler_fraction > 0.0 && config.trainer.filler_fraction < 1.0)) {
+      return UsageError("train", "--filler-fraction must be between 0 and 1, not " +
+                                     config.filler_fraction);
+    }
     return Train(config, detector);
   } catch (const KestrelError& e) {
     return Failure(e.what());

@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
+#include <map>
+#include <set>
 #include <sstream>
 
 #include "hotword-units.h"
@@ -157,5 +159,33 @@ bool WriteDetPlot(const std::vector<NamedCurve>& curves, const std::string& png_
   }
   return true;
 }
+
+std::string FrrByVoiceTable(const std::vector<CorpusClip>& clips,
+                            const std::vector<std::vector<int>>& detections, double tolerance) {
+  std::map<std::string, std::set<std::string>> voices_of;
+  for (const CorpusClip& c : clips) {
+    if (c.kind == ClipKind::kPositive) voices_of[c.engine].insert(c.voice);
+  }
+  std::map<std::string, std::pair<std::vector<CorpusClip>, std::vector<std::vector<int>>>> groups;
+  for (size_t i = 0; i < clips.size(); ++i) {
+    const CorpusClip& c = clips[i];
+    if (c.kind != ClipKind::kPositive) continue;
+    const bool by_voice = voices_of[c.engine].size() <= 8;
+    auto& group = groups[by_voice ? c.engine + " " + c.voice : c.engine + " (all voices)"];
+    group.first.push_back(c);
+    group.second.push_back(detections[i]);
+  }
+  std::ostringstream out;
+  out.setf(std::ios::fixed);
+  out.precision(1);
+  out << "| voice | detected | FRR |\n|---|---|---|\n";
+  for (const auto& [name, group] : groups) {
+    OperatingPoint p = CountOperatingPoint(group.first, group.second, tolerance);
+    out << "| " << name << " | " << p.detected << "/" << p.positives << " | "
+        << 100.0 * p.FalseRejectionRate() << "% |\n";
+  }
+  return out.str();
+}
+
 
 }  // namespace kestrel

@@ -63,6 +63,12 @@ struct NamedCurve {
 
 // Markdown: one row per operating point of one curve.
 std::string OperatingPointTable(const NamedCurve& curve);
+// Markdown: for one setting's `detections`, the false rejections per voice of
+// the positives, so that a voice the model generalises poorly to is not
+// hidden in the total. Engines with many voices (eSpeak's variants) are one
+// row.
+std::string FrrByVoiceTable(const std::vector<CorpusClip>& clips,
+                            const std::vector<std::vector<int>>& detections, double tolerance);
 // Markdown: FRR of each curve at the given false alarm rates.
 std::string ComparisonTable(const std::vector<NamedCurve>& curves,
                             const std::vector<double>& false_alarm_rates);
