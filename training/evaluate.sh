@@ -28,7 +28,7 @@ if [ ! -f "$CORPUS/test.jsonl" ]; then
     "$ROOT/training/make-corpus.py" --out "$CORPUS" --splits test --jobs "$JOBS"
 fi
 if [ ! -f "$CORPUS/dev.jsonl" ]; then
-    "$ROOT/training/make-corpus.py" --out "$CORPUS" --splits dev --dev-hours 1.0 --jobs "$JOBS"
+    "$ROOT/training/make-corpus.py" --out "$CORPUS" --splits dev --jobs "$JOBS"
 fi
 
 "$BUILD/tools/kestrel" evaluate --corpus "$CORPUS" --split test --tune-split dev \

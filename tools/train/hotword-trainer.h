@@ -24,11 +24,12 @@
 namespace kestrel {
 
 struct HotwordTrainerOptions {
-  int32 left_context = 10;
-  int32 right_context = 5;
+  // 230 ms of context, about a unit on either side of the frame's own.
+  int32 left_context = 15;
+  int32 right_context = 7;
   int32 hidden_dim = 128;
   int32 hidden_layers = 3;
-  int32 epochs = 8;
+  int32 epochs = 12;
   int32 batch_size = 256;
   float learning_rate = 0.001f;  // Adam step size; decays over the last epochs
   // Share of filler frames in each epoch (all unit frames are used).
