@@ -78,6 +78,8 @@ TEST(TrainingFrames, EpochsBalanceFillerAgainstUnits) {
   std::vector<std::vector<int>> labels;
   ToyCorpus(10, 3, &set, &labels);
   HotwordTrainerOptions options;
+  options.left_context = 10;
+  options.right_context = 5;
   TrainingFrames frames(&set, labels, MakeSplice(4, options));
   std::mt19937 rng(1);
   std::vector<FrameRef> epoch = frames.EpochFrames(0.6, &rng);
