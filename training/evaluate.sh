@@ -12,7 +12,9 @@ ROOT=$(cd "$(dirname "$0")/.." && pwd)
 BUILD=${BUILD:-$ROOT/build}
 CORPUS=${CORPUS:-$ROOT/training/corpus}
 JOBS=${JOBS:-2}
-MODEL=${MODEL:-$ROOT/models/hey-kestrel.kmodel}
+# Relative paths are taken from the repository root (the report names the
+# model by the path given).
+MODEL=${MODEL:-models/hey-kestrel.kmodel}
 REPORT=${REPORT:-$ROOT/docs/accuracy-test.md}
 DET=${DET:-$ROOT/docs/det.png}
 
@@ -31,5 +33,6 @@ if [ ! -f "$CORPUS/dev.jsonl" ]; then
     "$ROOT/training/make-corpus.py" --out "$CORPUS" --splits dev --jobs "$JOBS"
 fi
 
+cd "$ROOT"
 "$BUILD/tools/kestrel" evaluate --corpus "$CORPUS" --split test --tune-split dev \
     --methods 1,2,3,6,7,8 --threads "$JOBS" --report "$REPORT" --det "$DET" "$MODEL"
