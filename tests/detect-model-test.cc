@@ -10,13 +10,6 @@
 namespace kestrel {
 namespace {
 
-TestHotword Hotword(std::vector<int32> keyword, float sensitivity = 0.5f) {
-  TestHotword hw;
-  hw.keyword = std::move(keyword);
-  hw.sensitivity = sensitivity;
-  return hw;
-}
-
 UniversalDetectStreamOptions Options(const std::string& model_str) {
   UniversalDetectStreamOptions options;
   options.model_str = model_str;
@@ -71,9 +64,9 @@ TEST(DetectModelReadTest, AbsentGroupsTakeDefaultsAndHotwordsNumberAcrossFiles) 
   TestDir dir;
   TestModel first;
   first.slide_window = 10;
-  first.hotwords = {Hotword({0, 1, 2, 1}, 0.25f), Hotword({})};
+  first.hotwords = {TestHotword{{0, 1, 2, 1}, 0.25f}, TestHotword{{}}};
   TestModel second;
-  second.hotwords = {Hotword({2}), Hotword({1}), Hotword({0})};
+  second.hotwords = {TestHotword{{2}}, TestHotword{{1}}, TestHotword{{0}}};
   UniversalDetectStream det(
       Options(JoinModelPaths({dir.WriteModel("a", first), dir.WriteModel("b", second)})));
   ASSERT_EQ(2, det.NumModels());
@@ -102,7 +95,7 @@ TEST(DetectModelReadTest, OptionalGroupsInEveryAllowedCombination) {
   TestModel model;
   const TestSearchGroup search{3, 2, {0, 4, 9}, {0.1f, 0.2f, 0.9f}};  // floor cut to 2
   for (int groups = 0; groups < 16; ++groups) {
-    TestHotword hw = Hotword({0, 1});
+    TestHotword hw{{0, 1}};
     if (groups & 1) hw.search = search;
     if ((groups & 3) == 3) hw.search_max = true;  // only after a search group
     if (groups & 4) hw.num_pieces = 2;
@@ -130,11 +123,11 @@ TEST(DetectModelReadTest, MalformedFilesFailNamingWhatIsWrong) {
   };
   const std::string file = "model file \"" + dir.Path("bad") + "\"";
   TestModel model;
-  model.hotwords = {Hotword({0, 1})};
+  model.hotwords = {TestHotword{{0, 1}}};
   model.hotwords[0].search_max = true;
   EXPECT_EQ("Expected token \"<SearchMethod>\", got instead \"<SearchMax>\".", error_for(model));
 
-  model.hotwords[0] = Hotword({0, 3});
+  model.hotwords[0] = TestHotword{{0, 3}};
   EXPECT_EQ("UniversalDetectStream: " + file + ", hotword 1: <Kw> unit 3 is not an output of "
             "the network, expected 0 to 2.", error_for(model));
 
@@ -147,7 +140,7 @@ TEST(DetectModelReadTest, MalformedFilesFailNamingWhatIsWrong) {
   EXPECT_EQ("UniversalDetectStream: " + file + ", hotword 1: <SearchMask> has 2 entries, "
             "expected 3 (one per unit boundary of <Kw>).", error_for(model));
 
-  model.hotwords[0] = Hotword({});
+  model.hotwords[0] = TestHotword{{}};
   model.hotwords[0].search = TestSearchGroup{3, 0, {0}, {}};
   EXPECT_EQ("UniversalDetectStream: " + file + ", hotword 1: <Kw> is empty; only search "
             "method 1 accepts an empty keyword, got method 3.", error_for(model));
@@ -166,7 +159,7 @@ TEST(DetectModelWriteTest, RoundTripsThroughBinaryAndText) {
   TestDir dir;
   TestModel model;
   model.smooth_window = 4;
-  model.hotwords = {Hotword({2, 0}, 0.3f), Hotword({1}, 0.7f)};
+  model.hotwords = {TestHotword{{2, 0}, 0.3f}, TestHotword{{1}, 0.7f}};
   model.hotwords[1].search = TestSearchGroup{7, 1, {0, 30}, {0.25f}};
   model.hotwords[1].passes = std::make_pair(3, 4);
   TestModel empty;  // no hotwords: loaded and written like any other
@@ -194,7 +187,7 @@ TEST(DetectModelWriteTest, RoundTripsThroughBinaryAndText) {
 TEST(DetectPieceLayoutTest, LayoutsOfPiecewiseModels) {
   TestDir dir;
   auto piecewise = [](std::vector<int32> keyword, int32 pieces) {
-    TestHotword hw = Hotword(std::move(keyword));
+    TestHotword hw{std::move(keyword)};
     std::vector<int32> mask(hw.keyword.size() + 1, 0);
     hw.search = TestSearchGroup{4, 0, mask, std::vector<float>(hw.keyword.size(), 0.1f)};
     hw.num_pieces = pieces;
@@ -203,7 +196,7 @@ TEST(DetectPieceLayoutTest, LayoutsOfPiecewiseModels) {
   TestModel model;
   model.num_outputs = 10;
   model.hotwords = {piecewise({0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, 3), piecewise({0, 1, 2, 3, 4}, 4),
-                    piecewise({0, 1, 2}, 5), Hotword({0, 1})};
+                    piecewise({0, 1, 2}, 5), TestHotword{{0, 1}}};
   UniversalDetectStream det(Options(dir.WriteModel("m", model)));
   auto layouts_of = [&det](int k) {
     std::vector<std::vector<int32>> out;
@@ -240,8 +233,8 @@ TEST(DetectPieceLayoutTest, LayoutsOfPiecewiseModels) {
 TEST(DetectSettingsTest, SensitivityListsByHotwordByModelOrForAll) {
   TestDir dir;
   TestModel one, three;
-  one.hotwords = {Hotword({0}, 0.5f)};
-  three.hotwords = {Hotword({0}, 0.4f), Hotword({1}, 0.45f), Hotword({2}, 0.1f)};
+  one.hotwords = {TestHotword{{0}, 0.5f}};
+  three.hotwords = {TestHotword{{0}, 0.4f}, TestHotword{{1}, 0.45f}, TestHotword{{2}, 0.1f}};
   UniversalDetectStreamOptions options =
       Options(JoinModelPaths({dir.WriteModel("a", one), dir.WriteModel("b", three)}));
   UniversalDetectStream kept(options);
@@ -267,7 +260,7 @@ TEST(DetectSettingsTest, SensitivityListsByHotwordByModelOrForAll) {
 TEST(DetectSettingsTest, WindowListsAndModelCounts) {
   TestDir dir;
   TestModel model;
-  model.hotwords = {Hotword({0}), Hotword({1})};
+  model.hotwords = {TestHotword{{0}}, TestHotword{{1}}};
   UniversalDetectStreamOptions options = Options(dir.WriteModel("a", model));
   options.smooth_window_str = "7";
   options.slide_window_str = "40";

@@ -1,12 +1,11 @@
 // Frame processing of the detector stage: Read and its decision rules across
-// calls, smoothing, sliding windows, reset, the naive and DTW searches.
+// calls, smoothing, sliding windows and reset.
 //
 // Most cases use one-unit hotwords scored by the naive search without its
 // checks: the score is then the largest value of that column in the window,
 // which makes the window contents and each step's score easy to control.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <memory>
 
 #include "detect-test-util.h"
@@ -233,55 +232,6 @@ TEST(DetectWindowTest, SmoothingRampsUpAndWindowsKeepTheLastFrames) {
   h.det->Reset();
   h.det->PushSlideWindow(0, MatrixFromRows({{3, 0}, {2, 0}, {1, 0}}));
   EXPECT_FLOAT_EQ(2.0f, h.Probe(0, 0));
-}
-
-TEST(DetectSearchTest, NaiveSearchWantsOrderedPeaksAboveTheirFloors) {
-  TestModel model = ProbeModel({{0, 1}, {0, 1}, {}});
-  model.hotwords[1].search = TestSearchGroup{1, 0, {}, {0.25f, 0.5f}};
-  Harness h({model});
-  auto score = [&h](std::vector<std::vector<float>> rows, int k) {
-    h.det->ResetDetection();
-    h.det->PushSlideWindow(0, MatrixFromRows(rows));
-    return h.det->GetHotwordPosterior(0, k, 0);
-  };
-  // Without the checks: the geometric mean of the peaks, in any order.
-  EXPECT_FLOAT_EQ(0.6f, score({{0.2f, 0.4f, 0}, {0.9f, 0.1f, 0}}, 0));  // sqrt(0.9 * 0.4)
-  EXPECT_TRUE(std::isnan(score({{0.9f, 0.1f, 0}}, 2)));  // no states: 0 / 0
-
-  UniversalDetectStreamOptions options;  // with the checks
-  options.model_str = h.dir.Path("m0");
-  UniversalDetectStream checked(options);
-  auto checked_score = [&checked](std::vector<std::vector<float>> rows, int k) {
-    checked.ResetDetection();
-    checked.PushSlideWindow(0, MatrixFromRows(rows));
-    return checked.GetHotwordPosterior(0, k, 0);
-  };
-  EXPECT_FLOAT_EQ(0.6f, checked_score({{0.9f, 0.1f, 0}, {0.2f, 0.4f, 0}}, 0));
-  EXPECT_EQ(0.0f, checked_score({{0.2f, 0.4f, 0}, {0.9f, 0.1f, 0}}, 0));  // out of order
-  EXPECT_EQ(0.0f, checked_score({{0.9f, 0.9f, 0}}, 0));                   // same frame
-  EXPECT_FLOAT_EQ(0.5f, checked_score({{0.25f, 0, 0}, {0.1f, 1.0f, 0}}, 1));
-  EXPECT_EQ(0.0f, checked_score({{0.24f, 0, 0}, {0.1f, 1.0f, 0}}, 1));  // below its floor
-}
-
-TEST(DetectSearchTest, DtwSearchAlignsWithinBandsOverTheFullSpan) {
-  TestModel model = ProbeModel({{0, 1}, {0, 1}});
-  model.hotwords[0].search = TestSearchGroup{2, 0, {0, 10, 20}, {0.05f, 0.05f}};
-  model.hotwords[1].search = TestSearchGroup{2, 2, {0, 10, 20}, {0.0f, 0.0f}};
-  Harness h({model});
-  std::vector<std::vector<float>> rows(20, {0, 0, 0});
-  for (int t = 0; t < 20; ++t) rows[t][t < 10 ? 0 : 1] = 1.0f;
-  h.det->PushSlideWindow(0, MatrixFromRows(rows));
-  EXPECT_FLOAT_EQ(1.0f, h.Probe(0, 0));
-  EXPECT_FLOAT_EQ(1.0f, h.Probe(0, 1));
-
-  // A young window of 10 frames, state 1 only in frames 8 and 9: outside its
-  // band without a neighbourhood, inside with 2. Divided by the full span.
-  h.det->ResetDetection();
-  rows.assign(10, {1, 0, 0});
-  rows[8] = rows[9] = {0, 1, 0};
-  h.det->PushSlideWindow(0, MatrixFromRows(rows));
-  EXPECT_EQ(0.0f, h.Probe(0, 0));
-  EXPECT_FLOAT_EQ(0.5f, h.Probe(0, 1));  // (8 frames of state 0 + 2 of state 1) / 20
 }
 
 }  // namespace

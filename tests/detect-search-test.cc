@@ -1,4 +1,4 @@
-// The Viterbi-family searches, driven through the detector's public windows:
+// The hotword searches, driven through the detector's public windows:
 // a tiny model with an identity network, posteriors pushed straight into the
 // sliding windows, scores checked against values worked out by hand (dyadic
 // posteriors, so every float sum is exact) or against brute force.
@@ -60,6 +60,43 @@ class SearchTest : public ::testing::Test {
   UniversalDetectStreamOptions options_;
   std::unique_ptr<UniversalDetectStream> det_;
 };
+
+TEST_F(SearchTest, NaiveSearchWantsOrderedPeaksAboveTheirFloors) {
+  TestHotword floored{{0, 1}};
+  floored.search = TestSearchGroup{1, 0, {}, {.25f, .5f}};
+  auto score = [this](const Columns& window, int k) {
+    Show(window);
+    return det_->GetHotwordPosterior(0, k, 0);
+  };
+  // Without the checks: the geometric mean of the peaks, in any order.
+  options_.no_order_check = true;
+  Load({TestHotword{{0, 1}}, floored, TestHotword{}}, 5);
+  EXPECT_FLOAT_EQ(score({{.2f, .9f}, {.4f, .1f}}, 0), 0.6f);  // sqrt(0.9 * 0.4)
+  EXPECT_TRUE(std::isnan(score({{.9f}, {.1f}}, 2)));           // no states: 0 / 0
+  options_.no_order_check = false;
+  Load({TestHotword{{0, 1}}, floored}, 5);
+  EXPECT_FLOAT_EQ(score({{.9f, .2f}, {.1f, .4f}}, 0), 0.6f);
+  EXPECT_EQ(score({{.2f, .9f}, {.4f, .1f}}, 0), 0.0f);  // out of order
+  EXPECT_EQ(score({{.9f}, {.9f}}, 0), 0.0f);              // same frame
+  EXPECT_FLOAT_EQ(score({{.25f, .1f}, {0, 1}}, 1), 0.5f);
+  EXPECT_EQ(score({{.24f, .1f}, {0, 1}}, 1), 0.0f);  // below its floor
+}
+
+TEST_F(SearchTest, DtwSearchAlignsWithinBandsOverTheFullSpan) {
+  TestHotword neighbourhood = Hotword(2, 20, {0, 0});
+  neighbourhood.search->neighbour = 2;
+  Load({Hotword(2, 20, {.05f, .05f}), neighbourhood}, 5);
+  Columns window(2, std::vector<float>(20, 0.0f));
+  for (int t = 0; t < 20; ++t) window[t < 10 ? 0 : 1][t] = 1;
+  Show(window);
+  EXPECT_FLOAT_EQ(det_->GetHotwordPosterior(0, 0, 0), 1.0f);
+  EXPECT_FLOAT_EQ(det_->GetHotwordPosterior(0, 1, 0), 1.0f);
+  // A young window of 10 frames, state 1 only in frames 8 and 9: outside its
+  // band without a neighbourhood, inside with 2. Divided by the full span.
+  Show({{1, 1, 1, 1, 1, 1, 1, 1, 0, 0}, {0, 0, 0, 0, 0, 0, 0, 0, 1, 1}});
+  EXPECT_EQ(det_->GetHotwordPosterior(0, 0, 0), 0.0f);
+  EXPECT_FLOAT_EQ(det_->GetHotwordPosterior(0, 1, 0), 0.5f);  // (8 + 2) / 20
+}
 
 TEST_F(SearchTest, ViterbiLocksTiesAndFloors) {
   Load({Hotword(3, 10, {.5f, .25f}), Hotword(3, 10, {.5f, .75f}), Hotword(3, 3, {0, .5f}),

@@ -34,8 +34,10 @@ struct TestSearchGroup {
 };
 
 struct TestHotword {
+  TestHotword(std::vector<int32> units = {}, float sensitivity = 0.5f)
+      : keyword(std::move(units)), sensitivity(sensitivity) {}
   std::vector<int32> keyword;
-  float sensitivity = 0.5f;
+  float sensitivity;
   std::optional<TestSearchGroup> search;
   std::optional<bool> search_max;
   std::optional<int32> num_pieces;
@@ -53,13 +55,9 @@ struct TestModel {
 // "<Nnet> <AffineTransform> dim dim" with identity weights and zero bias.
 inline std::string IdentityNnetText(int dim) {
   std::ostringstream os;
-  os << "<Nnet>\n<AffineTransform> " << dim << " " << dim << "\n [\n";
-  for (int r = 0; r < dim; ++r) {
-    os << " ";
-    for (int c = 0; c < dim; ++c) os << " " << (r == c ? 1 : 0);
-    os << (r + 1 == dim ? " ]\n" : "\n");
-  }
-  os << " [";
+  os << "<Nnet> <AffineTransform> " << dim << " " << dim << " [";
+  for (int i = 0; i < dim * dim; ++i) os << (i % dim == 0 ? "\n " : " ") << (i % (dim + 1) == 0);
+  os << " ]\n [";
   for (int c = 0; c < dim; ++c) os << " 0";
   os << " ]\n</Nnet>\n";
   return os.str();
@@ -170,14 +168,9 @@ class ScriptedStream : public StreamItf {
     for (size_t i = 0; i < rows.size(); ++i) block.info.push_back(FrameInfo{next_frame_id_++});
     blocks_.push_back(std::move(block));
   }
-  // Queues `num_rows` copies of `row`.
-  void PushRepeated(const std::vector<float>& row, int num_rows, int signal = 0) {
-    Push(std::vector<std::vector<float>>(num_rows, row), signal);
-  }
   void SetNextFrameId(int32 id) { next_frame_id_ = id; }
 
   int Read(Matrix* data, std::vector<FrameInfo>* frame_info) override {
-    ++num_reads;
     if (blocks_.empty()) {
       data->Resize(0, 0);
       if (frame_info != nullptr) frame_info->clear();
@@ -191,8 +184,6 @@ class ScriptedStream : public StreamItf {
   }
   bool Reset() override { return true; }
   std::string Name() const override { return "ScriptedStream"; }
-
-  int num_reads = 0;
 
  private:
   struct Block {

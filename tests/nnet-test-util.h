@@ -63,6 +63,24 @@ inline std::unique_ptr<Component> RandomActivation(int dim, std::mt19937* rng) {
   }
 }
 
+// Every kind of component in one small network ending in a softmax: 2
+// inputs, 3 outputs.
+inline Nnet EveryKindNnet(std::mt19937* rng) {
+  Nnet nnet;
+  nnet.AppendComponent(std::make_unique<Splice>(2, std::vector<int32>{-1, 0, 1}));
+  nnet.AppendComponent(std::make_unique<AddShift>(RandomVector(6, rng)));
+  nnet.AppendComponent(std::make_unique<Rescale>(RandomVector(6, rng)));
+  nnet.AppendComponent(RandomAffine(6, 5, rng));
+  nnet.AppendComponent(std::make_unique<Tanh>(5));
+  nnet.AppendComponent(RandomAffine(5, 4, rng));
+  nnet.AppendComponent(std::make_unique<Sigmoid>(4));
+  nnet.AppendComponent(RandomAffine(4, 4, rng));
+  nnet.AppendComponent(std::make_unique<Relu>(4));
+  nnet.AppendComponent(RandomAffine(4, 3, rng));
+  nnet.AppendComponent(std::make_unique<Softmax>(3));
+  return nnet;
+}
+
 // A network of every component kind in a plausible order: optional splice
 // and normalisation, one to three affine layers with activations, sometimes
 // a second splice between them.

@@ -27,6 +27,20 @@ double WeightedOutput(const Component& c, const Matrix& in, const Matrix& weight
   return sum;
 }
 
+constexpr float kEps = 1e-2f;
+
+// The central difference of f() in *x, which is left as it was.
+template <class F>
+double Slope(float* x, F f) {
+  const float v = *x;
+  *x = v + kEps;
+  const double up = f();
+  *x = v - kEps;
+  const double down = f();
+  *x = v;
+  return (up - down) / (2 * kEps);
+}
+
 TEST(NnetTrainTest, BackpropagateMatchesNumericalDerivatives) {
   std::mt19937 rng(21);
   std::vector<std::unique_ptr<Component>> kinds;
@@ -38,7 +52,6 @@ TEST(NnetTrainTest, BackpropagateMatchesNumericalDerivatives) {
   kinds.push_back(std::make_unique<Sigmoid>(3));
   kinds.push_back(std::make_unique<Tanh>(3));
   kinds.push_back(std::make_unique<Softmax>(3));
-  const float eps = 1e-2f;
   for (const auto& c : kinds) {
     SCOPED_TRACE(c->Token());
     Matrix in = RandomMatrix(5, 3, &rng);
@@ -48,39 +61,18 @@ TEST(NnetTrainTest, BackpropagateMatchesNumericalDerivatives) {
     c->Backpropagate(in, out, weights, &in_diff);
     for (int r = 0; r < 5; ++r) {
       for (int k = 0; k < 3; ++k) {
-        const float x = in(r, k);
-        if (std::string(c->Token()) == "<Relu>" && std::fabs(x) < eps) continue;  // the kink
-        in(r, k) = x + eps;
-        const double up = WeightedOutput(*c, in, weights);
-        in(r, k) = x - eps;
-        const double down = WeightedOutput(*c, in, weights);
-        in(r, k) = x;
-        EXPECT_NEAR(in_diff(r, k), (up - down) / (2 * eps), 2e-3) << r << ", " << k;
+        if (std::string(c->Token()) == "<Relu>" && std::fabs(in(r, k)) < kEps) continue;  // kink
+        EXPECT_NEAR(in_diff(r, k),
+                    Slope(&in(r, k), [&] { return WeightedOutput(*c, in, weights); }), 2e-3)
+            << r << ", " << k;
       }
     }
   }
 }
 
-// Normalisation, three hidden layers of different activations, softmax.
-Nnet TinyNnet(std::mt19937* rng) {
-  Nnet nnet;
-  nnet.AppendComponent(std::make_unique<Splice>(2, std::vector<int32>{-1, 0, 1}));
-  nnet.AppendComponent(std::make_unique<AddShift>(RandomVector(6, rng)));
-  nnet.AppendComponent(std::make_unique<Rescale>(RandomVector(6, rng)));
-  nnet.AppendComponent(RandomAffine(6, 5, rng));
-  nnet.AppendComponent(std::make_unique<Tanh>(5));
-  nnet.AppendComponent(RandomAffine(5, 4, rng));
-  nnet.AppendComponent(std::make_unique<Sigmoid>(4));
-  nnet.AppendComponent(RandomAffine(4, 4, rng));
-  nnet.AppendComponent(std::make_unique<Relu>(4));
-  nnet.AppendComponent(RandomAffine(4, 3, rng));
-  nnet.AppendComponent(std::make_unique<Softmax>(3));
-  return nnet;
-}
-
 TEST(NnetTrainTest, ParameterGradientsMatchNumericalDerivatives) {
   std::mt19937 rng(22);
-  Nnet nnet = TinyNnet(&rng);
+  Nnet nnet = EveryKindNnet(&rng);
   NnetTrainerOptions options;
   options.train_shift_and_scale = true;
   NnetTrainer trainer(&nnet, options);
@@ -90,7 +82,6 @@ TEST(NnetTrainTest, ParameterGradientsMatchNumericalDerivatives) {
   const std::vector<int32> labels = {0, 2, 1, 1, 0, 2, 2};
   trainer.ComputeGradient(rows, labels);
 
-  const float eps = 1e-2f;
   int checked = 0;
   for (int i = trainer.FirstTrainedComponent(); i < nnet.NumComponents(); ++i) {
     Component& c = nnet.GetComponent(i);
@@ -99,19 +90,14 @@ TEST(NnetTrainTest, ParameterGradientsMatchNumericalDerivatives) {
     ASSERT_EQ(gradient.size(), static_cast<size_t>(c.NumParams()));
     std::vector<float> params(c.NumParams());
     c.GetParams(params.data());
-    for (size_t p = 0; p < params.size(); ++p) {
-      const float v = params[p];
-      params[p] = v + eps;
+    auto loss = [&] {
       c.SetParams(params.data());
-      const double up = trainer.ComputeLoss(rows, labels);
-      params[p] = v - eps;
-      c.SetParams(params.data());
-      const double down = trainer.ComputeLoss(rows, labels);
-      params[p] = v;
-      c.SetParams(params.data());
-      EXPECT_NEAR(gradient[p], (up - down) / (2 * eps), 2e-3) << "parameter " << p;
-      ++checked;
+      return trainer.ComputeLoss(rows, labels);
+    };
+    for (size_t p = 0; p < params.size(); ++p, ++checked) {
+      EXPECT_NEAR(gradient[p], Slope(&params[p], loss), 2e-3) << "parameter " << p;
     }
+    c.SetParams(params.data());
   }
   EXPECT_EQ(checked, 6 + 6 + (30 + 5) + (20 + 4) + (16 + 4) + (12 + 3));
 }
@@ -152,7 +138,7 @@ TEST(NnetTrainTest, TrainingLearnsSeparableClasses) {
 
 TEST(NnetTrainTest, TrainedPathComputesWhatTheStreamingNetworkComputes) {
   std::mt19937 rng(24);
-  Nnet nnet = TinyNnet(&rng);
+  Nnet nnet = EveryKindNnet(&rng);
   NnetTrainer trainer(&nnet, NnetTrainerOptions());
   const Matrix features = RandomMatrix(12, 2, &rng);
   Matrix rows, posteriors, streamed;
@@ -168,7 +154,7 @@ TEST(NnetTrainTest, TrainedPathComputesWhatTheStreamingNetworkComputes) {
 
 TEST(NnetTrainTest, RejectsBadLabelsAndNetworksWithoutSoftmax) {
   std::mt19937 rng(25);
-  Nnet nnet = TinyNnet(&rng);
+  Nnet nnet = EveryKindNnet(&rng);
   NnetTrainer trainer(&nnet, NnetTrainerOptions());
   const Matrix rows = RandomMatrix(2, 6, &rng);
   EXPECT_EQ(KESTREL_ERROR_TEXT(trainer.TrainOnBatch(rows, {0, 3})),
