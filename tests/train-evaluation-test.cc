@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "det-evaluation.h"
+#include "detect-test-util.h"
 #include "feature-set.h"
 #include "hotword-model-file.h"
 #include "posterior-scan.h"
@@ -100,13 +101,6 @@ TEST(OperatingCurve, PicksTheBestPointWithinTheBudget) {
 
 class ScanTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = std::filesystem::temp_directory_path() /
-           ("kestrel-scan-test-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
-    std::filesystem::create_directories(dir_);
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
   // Three outputs (filler, unit 1, unit 2); the units light up in order at
   // frames [start, start + 20) and [start + 20, start + 40) of the clip.
   static Matrix Posteriors(int frames, int start, float peak = 0.9f) {
@@ -119,7 +113,8 @@ class ScanTest : public ::testing::Test {
     return m;
   }
 
-  std::filesystem::path dir_;
+  TestDir dir_;
+  const std::string scratch_ = dir_.Path("");
 };
 
 TEST_F(ScanTest, DetectsThePatternAtItsEndInEveryClipIndependently) {
@@ -131,7 +126,7 @@ TEST_F(ScanTest, DetectsThePatternAtItsEndInEveryClipIndependently) {
   UniversalDetectStreamOptions options;
   for (int threads : {1, 2}) {
     std::vector<std::vector<int>> found =
-        ScanDetections(posteriors, settings, options, dir_.string(), threads);
+        ScanDetections(posteriors, settings, options, scratch_, threads);
     ASSERT_EQ(found.size(), 3u);
     ASSERT_EQ(found[0].size(), 1u);
     EXPECT_GE(found[0][0], 130);
@@ -142,9 +137,9 @@ TEST_F(ScanTest, DetectsThePatternAtItsEndInEveryClipIndependently) {
   }
   // A strict threshold finds nothing; no scratch files are left behind.
   settings.hotwords[0].sensitivity = 0.0f;
-  std::vector<std::vector<int>> none = ScanDetections(posteriors, settings, options, dir_.string(), 2);
+  std::vector<std::vector<int>> none = ScanDetections(posteriors, settings, options, scratch_, 2);
   EXPECT_TRUE(none[0].empty() && none[1].empty());
-  EXPECT_TRUE(std::filesystem::is_empty(dir_));
+  EXPECT_TRUE(std::filesystem::is_empty(scratch_));
 }
 
 TEST_F(ScanTest, TuningFindsTheSensitivityBetweenHotwordsAndLookalikes) {
@@ -163,7 +158,7 @@ TEST_F(ScanTest, TuningFindsTheSensitivityBetweenHotwordsAndLookalikes) {
   options.span_factors = {1.0};
   options.floors = {0.05f};
   options.max_false_alarms_per_hour = 0.0;
-  options.scratch_dir = dir_.string();
+  options.scratch_dir = scratch_;
   std::vector<std::string> lines;
   std::vector<TunedSearch> tuned = TuneSearchMethods(
       clips, posteriors, {0.2, 0.2}, options, [&lines](const std::string& l) { lines.push_back(l); });
@@ -188,7 +183,7 @@ TEST_F(ScanTest, ModelFilesRoundTripThroughTheWriterAndReader) {
   Nnet nnet;
   nnet.Read(false, &net);
   for (bool binary : {true, false}) {
-    std::string path = (dir_ / "m.kmodel").string();
+    std::string path = dir_.Path("m.kmodel");
     WriteHotwordModelFile(path, settings, nnet, binary);
     HotwordModelSettings back;
     Nnet back_net;
