@@ -67,8 +67,7 @@ TEST(DetectModelReadTest, AbsentGroupsTakeDefaultsAndHotwordsNumberAcrossFiles) 
   first.hotwords = {TestHotword{{0, 1, 2, 1}, 0.25f}, TestHotword{{}}};
   TestModel second;
   second.hotwords = {TestHotword{{2}}, TestHotword{{1}}, TestHotword{{0}}};
-  UniversalDetectStream det(
-      Options(JoinModelPaths({dir.WriteModel("a", first), dir.WriteModel("b", second)})));
+  UniversalDetectStream det(Options(WriteModels(dir, {first, second})));
   ASSERT_EQ(2, det.NumModels());
   EXPECT_EQ(2, det.NumHotwords(0));
   EXPECT_EQ(3, det.NumHotwords(1));
@@ -163,14 +162,14 @@ TEST(DetectModelWriteTest, RoundTripsThroughBinaryAndText) {
   model.hotwords[1].search = TestSearchGroup{7, 1, {0, 30}, {0.25f}};
   model.hotwords[1].passes = std::make_pair(3, 4);
   TestModel empty;  // no hotwords: loaded and written like any other
-  const std::string model_str = JoinModelPaths({dir.WriteModel("a", model), dir.WriteModel("b", empty)});
+  const std::string model_str = WriteModels(dir, {model, empty});
   UniversalDetectStreamOptions options = Options(model_str);
   options.sensitivity_str = "0.125,0.375";  // saved with the model
   UniversalDetectStream original(options);
   const std::string text = WrittenText(original, dir);
 
   original.UpdateModel();
-  const std::string binary = ReadFileBytes(dir.Path("a"));
+  const std::string binary = ReadFileBytes(dir.Path("m0"));
   ASSERT_GE(binary.size(), 2u);
   EXPECT_EQ(std::string("\0B", 2), binary.substr(0, 2));
   UniversalDetectStream reloaded(Options(model_str));
@@ -235,8 +234,7 @@ TEST(DetectSettingsTest, SensitivityListsByHotwordByModelOrForAll) {
   TestModel one, three;
   one.hotwords = {TestHotword{{0}, 0.5f}};
   three.hotwords = {TestHotword{{0}, 0.4f}, TestHotword{{1}, 0.45f}, TestHotword{{2}, 0.1f}};
-  UniversalDetectStreamOptions options =
-      Options(JoinModelPaths({dir.WriteModel("a", one), dir.WriteModel("b", three)}));
+  UniversalDetectStreamOptions options = Options(WriteModels(dir, {one, three}));
   UniversalDetectStream kept(options);
   EXPECT_EQ("0.5, 0.4, 0.45, 0.1", kept.GetSensitivity());
   EXPECT_EQ(0.0f, kept.HighSensitivity(1, 2));  // no list: stays as loaded
@@ -267,7 +265,6 @@ TEST(DetectSettingsTest, WindowListsAndModelCounts) {
   UniversalDetectStream det(options);
   EXPECT_EQ(7, det.SmoothWindow(0));
   EXPECT_EQ(40, det.SlideWindow(0));
-  EXPECT_EQ("UniversalDetectStream", det.Name());
   EXPECT_EQ("ConvertStringToIntegerOrFloat: only part of the string can be converted to "
             "float or integer: 9x", KESTREL_ERROR_TEXT(det.SetSlideWindowSize("40,9x")));
 

@@ -14,14 +14,10 @@
 namespace kestrel {
 namespace {
 
-TestModel ProbeModel(std::vector<std::vector<int32>> keywords, int32 slide_window = 100) {
+TestModel ProbeModel(const std::vector<std::vector<int32>>& keywords, int32 slide_window = 100) {
   TestModel model;
   model.slide_window = slide_window;
-  for (auto& keyword : keywords) {
-    TestHotword hw;
-    hw.keyword = std::move(keyword);
-    model.hotwords.push_back(hw);
-  }
+  model.hotwords.assign(keywords.begin(), keywords.end());
   return model;
 }
 
@@ -29,11 +25,7 @@ TestModel ProbeModel(std::vector<std::vector<int32>> keywords, int32 slide_windo
 struct Harness {
   explicit Harness(const std::vector<TestModel>& models,
                    UniversalDetectStreamOptions options = UniversalDetectStreamOptions()) {
-    std::vector<std::string> paths;
-    for (size_t i = 0; i < models.size(); ++i) {
-      paths.push_back(dir.WriteModel("m" + std::to_string(i), models[i]));
-    }
-    options.model_str = JoinModelPaths(paths);
+    options.model_str = WriteModels(dir, models);
     options.no_order_check = true;
     det = std::make_unique<UniversalDetectStream>(options);
     det->Connect(&upstream);

@@ -9,7 +9,6 @@
 #include <atomic>
 #include <deque>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <random>
 #include <sstream>
@@ -19,6 +18,7 @@
 
 #include "detect/universal-detect-stream.h"
 #include "stream/stream-itf.h"
+#include "test-audio.h"
 #include "utils/kestrel-globals.h"
 #include "utils/kestrel-matrix.h"
 
@@ -120,8 +120,7 @@ class TestDir {
 
   // Writes `contents` to the file `name` and returns its path.
   std::string WriteFile(const std::string& name, const std::string& contents) const {
-    std::ofstream os(Path(name), std::ios::binary);
-    os << contents;
+    WriteBytes(Path(name), contents);
     return Path(name);
   }
   std::string WriteModel(const std::string& name, const TestModel& model) const {
@@ -132,13 +131,6 @@ class TestDir {
   std::filesystem::path path_;
 };
 
-inline std::string ReadFileBytes(const std::string& path) {
-  std::ifstream is(path, std::ios::binary);
-  std::ostringstream os;
-  os << is.rdbuf();
-  return os.str();
-}
-
 // Paths joined by the global delimiter, as a model string.
 inline std::string JoinModelPaths(const std::vector<std::string>& paths) {
   std::string joined;
@@ -147,6 +139,15 @@ inline std::string JoinModelPaths(const std::vector<std::string>& paths) {
     joined += paths[i];
   }
   return joined;
+}
+
+// Writes `models` into `dir` as m0, m1, ... and returns their model string.
+inline std::string WriteModels(const TestDir& dir, const std::vector<TestModel>& models) {
+  std::vector<std::string> paths;
+  for (size_t i = 0; i < models.size(); ++i) {
+    paths.push_back(dir.WriteModel("m" + std::to_string(i), models[i]));
+  }
+  return JoinModelPaths(paths);
 }
 
 inline Matrix MatrixFromRows(const std::vector<std::vector<float>>& rows) {

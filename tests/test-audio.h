@@ -1,5 +1,5 @@
 // Test helpers: synthetic audio and WAV files built byte by byte, so that the
-// reader is checked against files it did not write itself.
+// reader is checked against files it did not write itself; file bytes.
 #ifndef KESTREL_TESTS_TEST_AUDIO_H_
 #define KESTREL_TESTS_TEST_AUDIO_H_
 
@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdint>
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <string>
 #include <utility>
@@ -59,6 +60,11 @@ inline std::string WaveBytes(const std::string& data, const WaveLayout& layout =
 
 inline void WriteBytes(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary) << bytes;
+}
+
+inline std::string ReadFileBytes(const std::string& path) {
+  std::ifstream is(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(is), std::istreambuf_iterator<char>());
 }
 
 inline void WriteWave(const std::string& path, const std::vector<int16_t>& samples) {

@@ -6,8 +6,6 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -15,11 +13,6 @@
 #include "test-audio.h"
 
 namespace kestrel {
-
-inline std::string ReadFileBytes(const std::string& path) {
-  std::ifstream is(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(is), std::istreambuf_iterator<char>());
-}
 
 struct CommandResult {
   int status = -1;
