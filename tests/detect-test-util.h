@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "detect/universal-detect-stream.h"
+#include "nnet-test-util.h"
 #include "stream/stream-itf.h"
 #include "test-audio.h"
 #include "utils/kestrel-globals.h"
@@ -148,14 +149,6 @@ inline std::string WriteModels(const TestDir& dir, const std::vector<TestModel>&
     paths.push_back(dir.WriteModel("m" + std::to_string(i), models[i]));
   }
   return JoinModelPaths(paths);
-}
-
-inline Matrix MatrixFromRows(const std::vector<std::vector<float>>& rows) {
-  Matrix m(static_cast<int>(rows.size()), rows.empty() ? 0 : static_cast<int>(rows[0].size()));
-  for (size_t r = 0; r < rows.size(); ++r) {
-    for (size_t c = 0; c < rows[r].size(); ++c) m(static_cast<int>(r), static_cast<int>(c)) = rows[r][c];
-  }
-  return m;
 }
 
 // An upstream stage that returns queued blocks in order, one per Read, and

@@ -1,4 +1,5 @@
-// Test helpers for the network tests: random matrices and random networks.
+// Test helpers for the network tests: matrices given by rows, random
+// matrices and random networks.
 #ifndef KESTREL_TESTS_NNET_TEST_UTIL_H_
 #define KESTREL_TESTS_NNET_TEST_UTIL_H_
 
@@ -16,6 +17,14 @@
 #include "utils/kestrel-matrix.h"
 
 namespace kestrel {
+
+inline Matrix MatrixFromRows(const std::vector<std::vector<float>>& rows) {
+  Matrix m(static_cast<int>(rows.size()), rows.empty() ? 0 : static_cast<int>(rows[0].size()));
+  for (size_t r = 0; r < rows.size(); ++r) {
+    for (size_t c = 0; c < rows[r].size(); ++c) m(static_cast<int>(r), static_cast<int>(c)) = rows[r][c];
+  }
+  return m;
+}
 
 inline Matrix RandomMatrix(int rows, int cols, std::mt19937* rng, float scale = 1.0f) {
   std::normal_distribution<float> normal(0.0f, scale);

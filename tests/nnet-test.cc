@@ -1,18 +1,23 @@
 // Reading, writing and computing small networks whose outputs are worked out
-// by hand; malformed files, whose errors name the component, its position and
-// what was wrong, and which never crash the reader however cut or corrupted.
+// by hand. Streaming: however a stream is cut into batches, the rows and
+// records are those of one call on the whole stream, and the rows are the
+// whole-utterance forward pass of every component. Malformed files: errors
+// name the component, its position and what was wrong, and no truncation or
+// corruption crashes the reader.
 #include "nnet/nnet.h"
 
 #include <gtest/gtest.h>
 
 #include <cctype>
 #include <cmath>
+#include <cstring>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "nnet-test-util.h"
+#include "nnet/nnet-component.h"
 #include "test-log-capture.h"
 
 namespace kestrel {
@@ -40,27 +45,35 @@ Nnet ReadText(const std::string& text) {
 
 using Rows = std::vector<std::vector<float>>;
 
-// Feeds `in` as frames `first`, `first` + 1, ... (ending the stream with
-// `flush`) and returns the rows that come out; their frame ids go to `ids`.
-Rows Feed(Nnet* nnet, const Rows& in, int first, bool flush, std::vector<int32>* ids = nullptr) {
-  Matrix data(static_cast<int>(in.size()), static_cast<int>(in[0].size())), out;
-  for (size_t r = 0; r < in.size(); ++r) {
-    for (size_t c = 0; c < in[r].size(); ++c) data(r, c) = in[r][c];
+// What a network put out: rows and their frame ids.
+struct Outputs {
+  Rows rows;
+  std::vector<int32> ids;
+  void Append(const MatrixBase& out, const std::vector<FrameInfo>& info) {
+    ASSERT_EQ(info.size(), static_cast<size_t>(out.NumRows()));
+    for (int r = 0; r < out.NumRows(); ++r) {
+      rows.emplace_back(out.RowData(r), out.RowData(r) + out.NumCols());
+      ids.push_back(info[r].frame_id);
+    }
   }
+  void Append(const Outputs& more) {
+    rows.insert(rows.end(), more.rows.begin(), more.rows.end());
+    ids.insert(ids.end(), more.ids.begin(), more.ids.end());
+  }
+};
+
+// Feeds `in` as frames `first`, `first` + 1, ..., ending the stream with `flush`.
+Outputs Feed(Nnet* nnet, const MatrixBase& in, int first, bool flush) {
+  Matrix out;
   std::vector<FrameInfo> info;
   if (flush) {
-    nnet->FlushOutput(data, FrameInfos(first, data.NumRows()), &out, &info);
+    nnet->FlushOutput(in, FrameInfos(first, in.NumRows()), &out, &info);
   } else {
-    nnet->Compute(data, FrameInfos(first, data.NumRows()), &out, &info);
+    nnet->Compute(in, FrameInfos(first, in.NumRows()), &out, &info);
   }
-  EXPECT_EQ(info.size(), static_cast<size_t>(out.NumRows()));
-  Rows rows;
-  if (ids != nullptr) ids->clear();
-  for (int r = 0; r < out.NumRows(); ++r) {
-    rows.emplace_back(out.RowData(r), out.RowData(r) + out.NumCols());
-    if (ids != nullptr) ids->push_back(info[r].frame_id);
-  }
-  return rows;
+  Outputs outputs;
+  outputs.Append(out, info);
+  return outputs;
 }
 
 TEST(NnetTest, ComputesSmallNetworkByHand) {
@@ -68,18 +81,17 @@ TEST(NnetTest, ComputesSmallNetworkByHand) {
   EXPECT_EQ(nnet.InputDim(), 2);
   EXPECT_EQ(nnet.OutputDim(), 2);
   EXPECT_EQ(nnet.NumComponents(), 4);
-  std::vector<int32> ids;
-  const Rows out = Feed(&nnet, {{2, 1}, {-1, 3}}, 7, false, &ids);
-  ASSERT_EQ(out.size(), 2u);
-  EXPECT_EQ(ids, (std::vector<int32>{7, 8}));
+  const Outputs out = Feed(&nnet, MatrixFromRows({{2, 1}, {-1, 3}}), 7, false);
+  ASSERT_EQ(out.rows.size(), 2u);
+  EXPECT_EQ(out.ids, (std::vector<int32>{7, 8}));
   // Row 0: hidden relu(2, 1, 1.5) -> logits (3, 2.5).
   // Row 1: hidden relu(-1, 3, -3.5) = (0, 3, 0) -> logits (3, 1).
   const float logits[2][2] = {{3.0f, 2.5f}, {3.0f, 1.0f}};
   for (int r = 0; r < 2; ++r) {
     const float z = std::exp(logits[r][0]) + std::exp(logits[r][1]);
-    ASSERT_EQ(out[r].size(), 2u);
-    EXPECT_NEAR(out[r][0], std::exp(logits[r][0]) / z, 1e-6);
-    EXPECT_NEAR(out[r][1], std::exp(logits[r][1]) / z, 1e-6);
+    ASSERT_EQ(out.rows[r].size(), 2u);
+    EXPECT_NEAR(out.rows[r][0], std::exp(logits[r][0]) / z, 1e-6);
+    EXPECT_NEAR(out.rows[r][1], std::exp(logits[r][1]) / z, 1e-6);
   }
 }
 
@@ -87,14 +99,15 @@ TEST(NnetTest, SpliceHoldsFramesBackAndFlushRepeatsTheLast) {
   // Offsets -1, 0, +2 over a 1-dimensional input: frame t outputs
   // (x[t-1], x[t], x[t+2]), clamped to the stream's ends.
   Nnet nnet = ReadText("<Nnet> <Splice> 3 1 [ -1 0 2 ] </Nnet>");
-  EXPECT_EQ(Feed(&nnet, {{10}, {11}}, 0, false), Rows{});  // frame 0 waits for frame 2
-  std::vector<int32> ids;
-  EXPECT_EQ(Feed(&nnet, {{12}, {13}}, 2, false, &ids), (Rows{{10, 10, 12}, {10, 11, 13}}));
-  EXPECT_EQ(ids, (std::vector<int32>{0, 1}));
-  EXPECT_EQ(Feed(&nnet, {{14}}, 4, true, &ids), (Rows{{11, 12, 14}, {12, 13, 14}, {13, 14, 14}}));
-  EXPECT_EQ(ids, (std::vector<int32>{2, 3, 4}));
+  EXPECT_EQ(Feed(&nnet, MatrixFromRows({{10}, {11}}), 0, false).rows, Rows{});  // waits for 2
+  Outputs out = Feed(&nnet, MatrixFromRows({{12}, {13}}), 2, false);
+  EXPECT_EQ(out.rows, (Rows{{10, 10, 12}, {10, 11, 13}}));
+  EXPECT_EQ(out.ids, (std::vector<int32>{0, 1}));
+  out = Feed(&nnet, MatrixFromRows({{14}}), 4, true);
+  EXPECT_EQ(out.rows, (Rows{{11, 12, 14}, {12, 13, 14}, {13, 14, 14}}));
+  EXPECT_EQ(out.ids, (std::vector<int32>{2, 3, 4}));
   // After a flush the next stream starts afresh.
-  EXPECT_EQ(Feed(&nnet, {{20}}, 0, true), (Rows{{20, 20, 20}}));
+  EXPECT_EQ(Feed(&nnet, MatrixFromRows({{20}}), 0, true).rows, (Rows{{20, 20, 20}}));
 }
 
 TEST(NnetTest, WriteReadRoundTripsInBothModes) {
@@ -123,7 +136,7 @@ TEST(NnetTest, AcceptsNnet1TrainingTokensAndEndMarks) {
       "<Nnet>\n<AffineTransform> 1 1\n<LearnRateCoef> 1 <BiasLearnRateCoef> 0.1 "
       "<MaxNorm> 0\n [\n  2 ]\n [ 1 ]\n<!EndOfComponent>\n"
       "<AddShift> 1 1 <LearnRateCoef> 0 [ 3 ]\n<!EndOfComponent>\n");
-  EXPECT_EQ(Feed(&nnet, {{4}}, 0, true), Rows{{2 * 4 + 1 + 3}});
+  EXPECT_EQ(Feed(&nnet, MatrixFromRows({{4}}), 0, true).rows, Rows{{2 * 4 + 1 + 3}});
 }
 
 TEST(NnetTest, RejectsInputOfTheWrongShape) {
@@ -134,6 +147,95 @@ TEST(NnetTest, RejectsInputOfTheWrongShape) {
             "Nnet: input has 3 columns, the network expects 2.");
   EXPECT_EQ(KESTREL_ERROR_TEXT(nnet.Compute(Matrix(2, 2), FrameInfos(0, 1), &out, &info)),
             "Nnet: input has 2 rows but 1 frame records.");
+}
+
+// Feeds `input` in chunks of the given sizes (summing to its rows), flushing
+// with the last one; frame ids from `first`.
+Outputs FeedChunks(Nnet* nnet, const MatrixBase& input, const std::vector<int>& chunks,
+                   int first = 100) {
+  Outputs all;
+  for (size_t i = 0, row = 0; i < chunks.size(); row += chunks[i++]) {
+    all.Append(Feed(nnet, input.RowRange(row, chunks[i]), first + row, i + 1 == chunks.size()));
+  }
+  return all;
+}
+
+// The utterance-level forward pass, component by component.
+Matrix WholeUtterance(const Nnet& nnet, const Matrix& input) {
+  Matrix cur(input);
+  for (int i = 0; i < nnet.NumComponents(); ++i) {
+    const Component& c = nnet.GetComponent(i);
+    Matrix next(cur.NumRows(), c.OutputDim());
+    c.Propagate(cur, &next);
+    cur = std::move(next);
+  }
+  return cur;
+}
+
+std::vector<int> RandomChunks(int total, std::mt19937* rng) {
+  std::vector<int> chunks;
+  while (total > 0) {
+    // Empty batches are legal and must change nothing.
+    chunks.push_back(std::min(std::uniform_int_distribution<int>(0, 9)(*rng), total));
+    total -= chunks.back();
+  }
+  chunks.push_back(0);  // the flush
+  return chunks;
+}
+
+void ExpectSameBits(const Outputs& a, const Outputs& b, const char* what) {
+  ASSERT_EQ(a.rows.size(), b.rows.size()) << what;
+  EXPECT_EQ(a.ids, b.ids) << what;
+  for (size_t r = 0; r < a.rows.size(); ++r) {
+    ASSERT_EQ(a.rows[r].size(), b.rows[r].size());
+    EXPECT_EQ(std::memcmp(a.rows[r].data(), b.rows[r].data(), a.rows[r].size() * sizeof(float)), 0)
+        << what << ": row " << r << " differs";
+  }
+}
+
+TEST(NnetStreamTest, AnyChunkingMatchesOneCallOnRandomNetworks) {
+  std::mt19937 rng(17);
+  for (int trial = 0; trial < 60; ++trial) {
+    SCOPED_TRACE(trial);
+    Nnet nnet = RandomNnet(&rng);
+    const int frames = std::uniform_int_distribution<int>(0, 50)(rng);
+    const Matrix input = RandomMatrix(frames, nnet.InputDim(), &rng);
+
+    const Outputs whole = FeedChunks(&nnet, input, {frames});
+    ASSERT_EQ(whole.rows.size(), static_cast<size_t>(frames));
+    for (int r = 0; r < frames; ++r) EXPECT_EQ(whole.ids[r], 100 + r);
+
+    Outputs utterance;
+    utterance.Append(WholeUtterance(nnet, input), FrameInfos(100, frames));
+    ExpectSameBits(whole, utterance, "whole-utterance forward pass");
+
+    std::vector<int> singles(frames, 1);
+    singles.push_back(0);
+    ExpectSameBits(whole, FeedChunks(&nnet, input, singles), "one row per call");
+    for (int k = 0; k < 3; ++k) {
+      ExpectSameBits(whole, FeedChunks(&nnet, input, RandomChunks(frames, &rng)), "random chunks");
+    }
+  }
+}
+
+TEST(NnetStreamTest, ResetMidStreamAndCopiesStartFromTheirOwnState) {
+  std::mt19937 rng(5);
+  for (int trial = 0; trial < 20; ++trial) {
+    SCOPED_TRACE(trial);
+    Nnet nnet = RandomNnet(&rng);
+    const Matrix input = RandomMatrix(20, nnet.InputDim(), &rng);
+    const Outputs whole = FeedChunks(&nnet, input, {20});
+
+    // Half a stream, then a reset: the next stream is unaffected.
+    Outputs both = Feed(&nnet, input.RowRange(0, 7), 100, false);
+    Nnet copy = nnet;
+    nnet.ResetComputation();
+    ExpectSameBits(whole, FeedChunks(&nnet, input, {3, 17}), "after reset");
+
+    // The copy continues the interrupted stream where it was.
+    both.Append(Feed(&copy, input.RowRange(7, 13), 107, true));
+    ExpectSameBits(whole, both, "copy");
+  }
 }
 
 std::string ReadError(const std::string& text, bool binary = false) {

@@ -1,8 +1,11 @@
+// Logging and errors, and the string helpers that options and lists go through.
 #include <gtest/gtest.h>
 
+#include <climits>
+
 #include "test-log-capture.h"
-#include "utils/kestrel-globals.h"
 #include "utils/kestrel-log.h"
+#include "utils/kestrel-utils.h"
 
 namespace kestrel {
 namespace {
@@ -43,9 +46,63 @@ TEST(LogTest, DefaultHandlerWritesOneLineToStandardError) {
   EXPECT_NE(std::string::npos, out.find(") careful\n"));
 }
 
-TEST(LogTest, GlobalsHaveDocumentedDefaults) {
-  EXPECT_EQ(",", global_kestrel_string_delimiter);
-  EXPECT_EQ(0, global_kestrel_verbose_level);
+std::vector<std::string> Split(const std::string& full, const std::string& delim) {
+  std::vector<std::string> out = {"stale"};
+  SplitStringToVector(full, delim, &out);
+  return out;
+}
+
+TEST(StringsTest, SplitTakesTheWholeDelimiterAndDropsEmptyFields) {
+  EXPECT_EQ((std::vector<std::string>{}), Split("", ","));
+  EXPECT_EQ((std::vector<std::string>{"a", "b"}), Split("a,,b,", ","));
+  EXPECT_EQ((std::vector<std::string>{" a", " b "}), Split(" a:: b ", "::"));
+  EXPECT_EQ((std::vector<std::string>{"a:b"}), Split("a:b", "::"));
+  EXPECT_EQ((std::vector<std::string>{"a,b"}), Split("a,b", ""));
+}
+
+TEST(StringsTest, TrimAndCharToString) {
+  std::string s = " \t x y \n";
+  Trim(&s);
+  EXPECT_EQ("x y", s);
+  s = "   ";
+  Trim(&s);
+  EXPECT_EQ("", s);
+  EXPECT_EQ("'a'", CharToString('a'));
+  EXPECT_EQ("[character 10]", CharToString('\n'));
+  EXPECT_EQ("[character -1]", CharToString(static_cast<char>(-1)));
+}
+
+TEST(StringsTest, ConversionInsistsOnWholeNumbers) {
+  EXPECT_EQ(42, ConvertStringToIntegerOrFloat<int>("  42 "));
+  EXPECT_EQ(0, ConvertStringToIntegerOrFloat<int>(""));
+  EXPECT_EQ(0, ConvertStringToIntegerOrFloat<int>("  "));
+  EXPECT_EQ(INT_MAX, ConvertStringToIntegerOrFloat<int>("99999999999"));
+  EXPECT_FLOAT_EQ(0.25f, ConvertStringToIntegerOrFloat<float>(" 0.25"));
+  for (const char* bad : {"12abc", "1.5", "0x10", "3 4", "abc"}) {
+    EXPECT_EQ(std::string("ConvertStringToIntegerOrFloat: only part of the string can be "
+                          "converted to float or integer: ") + bad,
+              KESTREL_ERROR_TEXT(ConvertStringToIntegerOrFloat<int>(bad)));
+  }
+  LogCapture capture;
+  try {
+    ConvertStringToIntegerOrFloat<int>(" x ");
+  } catch (const KestrelError& e) {
+    EXPECT_EQ("../utils/kestrel-utils", e.file());
+    EXPECT_EQ("ConvertStringToIntegerOrFloat: only part of the string can be converted to "
+              "float or integer:  x ",
+              std::string(e.what()));  // named as given, untrimmed
+  }
+}
+
+TEST(StringsTest, ListsConvertEveryFieldOrNothing) {
+  std::vector<int> ints = {7, 7, 7, 7, 7};
+  SplitStringToIntegers<int>("3,4, 5", ",", &ints);
+  EXPECT_EQ((std::vector<int>{3, 4, 5}), ints);
+  std::vector<float> floats = {1.0f};
+  SplitStringToFloats("0.5;0.45", ";", &floats);
+  EXPECT_EQ((std::vector<float>{0.5f, 0.45f}), floats);
+  EXPECT_NE("", KESTREL_ERROR_TEXT(SplitStringToIntegers<int>("1,x,3", ",", &ints)));
+  EXPECT_NE("", KESTREL_ERROR_TEXT(SplitStringToFloats("0.5,abc", ",", &floats)));
 }
 
 }  // namespace
