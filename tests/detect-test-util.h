@@ -10,7 +10,6 @@
 #include <deque>
 #include <filesystem>
 #include <optional>
-#include <random>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -99,15 +98,13 @@ inline std::string TestModelText(const TestModel& model) {
   return os.str();
 }
 
-// A fresh directory under the system's temporary directory, removed with
-// everything in it when the object ends.
+// A fresh directory in the test temporary directory, removed with everything
+// in it when the object ends.
 class TestDir {
  public:
   TestDir() {
     static std::atomic<int> counter{0};
-    std::ostringstream name;
-    name << "kestrel-test-" << std::random_device{}() << "-" << counter++;
-    path_ = std::filesystem::temp_directory_path() / name.str();
+    path_ = TempPath("dir-" + std::to_string(counter++));
     std::filesystem::create_directories(path_);
   }
   ~TestDir() {
@@ -165,13 +162,11 @@ class ScriptedStream : public StreamItf {
   void SetNextFrameId(int32 id) { next_frame_id_ = id; }
 
   int Read(Matrix* data, std::vector<FrameInfo>* frame_info) override {
-    if (blocks_.empty()) {
-      data->Resize(0, 0);
-      if (frame_info != nullptr) frame_info->clear();
-      return kSignalEnd;
+    Block block{Matrix(), {}, kSignalEnd};
+    if (!blocks_.empty()) {
+      block = std::move(blocks_.front());
+      blocks_.pop_front();
     }
-    Block block = std::move(blocks_.front());
-    blocks_.pop_front();
     *data = std::move(block.data);
     if (frame_info != nullptr) *frame_info = std::move(block.info);
     return block.signal;
