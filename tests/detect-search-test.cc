@@ -49,6 +49,8 @@ class SearchTest : public ::testing::Test {
     }
     det_->PushSlideWindow(0, MatrixFromRows(rows));
   }
+  // Hotword k's score, through the search its model names.
+  float Score(int k, int32 frame_id = 0) { return det_->GetHotwordPosterior(0, k, frame_id); }
   Columns Random(std::mt19937* rng, int max_frames) {
     Columns window(3, std::vector<float>(1 + (*rng)() % max_frames));
     for (auto& column : window)
@@ -66,18 +68,18 @@ TEST_F(SearchTest, NaiveSearchWantsOrderedPeaksAboveTheirFloors) {
   floored.search = TestSearchGroup{1, 0, {}, {.25f, .5f}};
   auto score = [this](const Columns& window, int k) {
     Show(window);
-    return det_->GetHotwordPosterior(0, k, 0);
+    return Score(k);
   };
   // Without the checks: the geometric mean of the peaks, in any order.
   options_.no_order_check = true;
   Load({TestHotword{{0, 1}}, floored, TestHotword{}}, 5);
   EXPECT_FLOAT_EQ(score({{.2f, .9f}, {.4f, .1f}}, 0), 0.6f);  // sqrt(0.9 * 0.4)
-  EXPECT_TRUE(std::isnan(score({{.9f}, {.1f}}, 2)));           // no states: 0 / 0
+  EXPECT_TRUE(std::isnan(score({{.9f}, {.1f}}, 2)));          // no states: 0 / 0
   options_.no_order_check = false;
   Load({TestHotword{{0, 1}}, floored}, 5);
   EXPECT_FLOAT_EQ(score({{.9f, .2f}, {.1f, .4f}}, 0), 0.6f);
   EXPECT_EQ(score({{.2f, .9f}, {.4f, .1f}}, 0), 0.0f);  // out of order
-  EXPECT_EQ(score({{.9f}, {.9f}}, 0), 0.0f);              // same frame
+  EXPECT_EQ(score({{.9f}, {.9f}}, 0), 0.0f);            // same frame
   EXPECT_FLOAT_EQ(score({{.25f, .1f}, {0, 1}}, 1), 0.5f);
   EXPECT_EQ(score({{.24f, .1f}, {0, 1}}, 1), 0.0f);  // below its floor
 }
@@ -89,13 +91,13 @@ TEST_F(SearchTest, DtwSearchAlignsWithinBandsOverTheFullSpan) {
   Columns window(2, std::vector<float>(20, 0.0f));
   for (int t = 0; t < 20; ++t) window[t < 10 ? 0 : 1][t] = 1;
   Show(window);
-  EXPECT_FLOAT_EQ(det_->GetHotwordPosterior(0, 0, 0), 1.0f);
-  EXPECT_FLOAT_EQ(det_->GetHotwordPosterior(0, 1, 0), 1.0f);
+  EXPECT_FLOAT_EQ(Score(0), 1.0f);
+  EXPECT_FLOAT_EQ(Score(1), 1.0f);
   // A young window of 10 frames, state 1 only in frames 8 and 9: outside its
   // band without a neighbourhood, inside with 2. Divided by the full span.
   Show({{1, 1, 1, 1, 1, 1, 1, 1, 0, 0}, {0, 0, 0, 0, 0, 0, 0, 0, 1, 1}});
-  EXPECT_EQ(det_->GetHotwordPosterior(0, 0, 0), 0.0f);
-  EXPECT_FLOAT_EQ(det_->GetHotwordPosterior(0, 1, 0), 0.5f);  // (8 + 2) / 20
+  EXPECT_EQ(Score(0), 0.0f);
+  EXPECT_FLOAT_EQ(Score(1), 0.5f);  // (8 + 2) / 20
 }
 
 TEST_F(SearchTest, ViterbiLocksTiesAndFloors) {
@@ -105,21 +107,21 @@ TEST_F(SearchTest, ViterbiLocksTiesAndFloors) {
   // Unit 0 meets its floor only at frame 2, so unit 1 is first entered at
   // frame 3, re-entered at frame 4 (1.0 <= 1.25) and ends at 1.25 + 1.75.
   Show({{.25f, .25f, .5f, .25f, 0, 0, 0, 0}, {.75f, .75f, 0, 0, .5f, .5f, .5f, .25f}});
-  EXPECT_FLOAT_EQ(det_->HotwordViterbiSearch(0, 0), 3.0f / 10);
-  EXPECT_EQ(det_->HotwordViterbiSearch(0, 1), 0.0f);  // last unit's peak since entry: 0.5
+  EXPECT_FLOAT_EQ(Score(0), 3.0f / 10);
+  EXPECT_EQ(Score(1), 0.0f);  // last unit's peak since entry: 0.5
   // Unit 0 never meets its floor: unit 1 stays unreached, unless the best
   // unit counts.
   Show({{.25f, .25f, .25f, .25f}, {1, 1, 1, 1}});
-  EXPECT_LT(det_->HotwordViterbiSearch(0, 0), -1e37f);
-  EXPECT_FLOAT_EQ(det_->HotwordViterbiSearch(0, 3), 1.0f / 4);
+  EXPECT_LT(Score(0), -1e37f);
+  EXPECT_FLOAT_EQ(Score(3), 1.0f / 4);
 
   Load({Hotword(3, 3, {0, .5f})}, 1);
   // At frame 2 unit 1 ties unit 0 at 1.5 and is re-entered: its peak restarts
   // at 0.25, below its floor. Without the tie it stays with its peak of 1.
   Show({{.5f, 1, 0}, {1, 1, .25f}});
-  EXPECT_EQ(det_->HotwordViterbiSearch(0, 0), 0.0f);
+  EXPECT_EQ(Score(0), 0.0f);
   Show({{.5f, .75f, 0}, {1, 1, .25f}});
-  EXPECT_FLOAT_EQ(det_->HotwordViterbiSearch(0, 0), 1.75f / 3);
+  EXPECT_FLOAT_EQ(Score(0), 1.75f / 3);
 }
 
 TEST_F(SearchTest, PieceSearchUsesHotwordFloorsAndNoEndTest) {
@@ -138,11 +140,11 @@ TEST_F(SearchTest, SoftFloorChargesWeakFramesAndEqualsViterbiWithoutFloors) {
   // below its floor.
   Show({{.75f, .25f, .5f, 0, 0, 0, 0, 0, 0, 0},
         {0, .5f, .125f, .125f, .125f, .125f, .125f, .125f, .125f, .125f}});
-  EXPECT_FLOAT_EQ(det_->HotwordViterbiSearchSoftFloor(0, 0), -0.075f);
+  EXPECT_FLOAT_EQ(Score(0), -0.075f);
   std::mt19937 rng(7);
   for (int trial = 0; trial < 20; ++trial) {
     Show(Random(&rng, 16));
-    EXPECT_EQ(det_->HotwordViterbiSearch(0, 1), det_->HotwordViterbiSearchSoftFloor(0, 2));
+    EXPECT_EQ(Score(1), Score(2));
   }
 }
 
@@ -171,7 +173,7 @@ TEST_F(SearchTest, TracebackScoresTheBestAlignmentAndCountsItsStates) {
     Show(window);
     window.resize(1 + trial % 3);
     const float best = BestAlignment(window, 0, 0, 0);
-    EXPECT_EQ(det_->HotwordViterbiSearchTraceback(0, trial % 3), best < 0 ? 0.0f : best / 16);
+    EXPECT_EQ(Score(trial % 3), best < 0 ? 0.0f : best / 16);
   }
   // Path: unit 0 frames 0-2, unit 1 frame 3 (its entry frame only), unit 2
   // frames 4-7: 4.25 / 8. Units 0 and 1 peak exactly at their floors.
@@ -183,14 +185,14 @@ TEST_F(SearchTest, TracebackScoresTheBestAlignmentAndCountsItsStates) {
     Show({{.5f, .5f, .5f, 0, 0, 0, 0, 0},
           {0, 0, 0, .75f, 0, 0, 0, 0},
           {0, 0, 0, 0, .5f, .5f, .5f, .5f}});
-    EXPECT_FLOAT_EQ(det_->HotwordViterbiSearchTraceback(0, 0), 4.25f / 8);
-    EXPECT_EQ(det_->HotwordViterbiSearchTraceback(0, 1), min_stay == 1 ? 4.25f / 8 : 0.0f);
-    EXPECT_EQ(det_->HotwordViterbiSearchTraceback(0, 2), 0.0f);
+    EXPECT_FLOAT_EQ(Score(0), 4.25f / 8);
+    EXPECT_EQ(Score(1), min_stay == 1 ? 4.25f / 8 : 0.0f);
+    EXPECT_EQ(Score(2), 0.0f);
   }
   // A tie hands frame 2 to the transition, so unit 0 keeps frame 1's 0.5,
   // above its floor.
   Show({{.25f, .5f, 0}, {0, .5f, .25f}});
-  EXPECT_FLOAT_EQ(det_->HotwordViterbiSearchTraceback(0, 3), 1.0f / 8);
+  EXPECT_FLOAT_EQ(Score(3), 1.0f / 8);
 }
 
 TEST_F(SearchTest, LogTracebackCapsByMeansAndGivesEarlyFramesToFirstUnit) {
@@ -199,40 +201,37 @@ TEST_F(SearchTest, LogTracebackCapsByMeansAndGivesEarlyFramesToFirstUnit) {
   // only one above its floor, still counts. The path, 3.25 / 8, is below the
   // cap (the larger of two means).
   Show({{1, .5f, .5f, 0, 0, 0}, {0, 0, 0, .5f, .5f, .25f}});
-  EXPECT_FLOAT_EQ(det_->HotwordViterbiSearchTracebackLog(0, 0), 3.25f / 8);
+  EXPECT_FLOAT_EQ(Score(0), 3.25f / 8);
   Show({{1, .5f}, {0, 0}});  // four sub-states cannot fit two frames
-  EXPECT_EQ(det_->HotwordViterbiSearchTracebackLog(0, 0), 0.0f);
+  EXPECT_EQ(Score(0), 0.0f);
 
   Load({Hotword(8, 8, {0, 0, 0}), Hotword(8, 8, {0, .25f}, {0, 2})}, 1);
   // Means 1, 0.25, 0.25: the weakest left out, (1 + 0.25) / 2 caps 6.5 / 8.
   const Columns window = {
       {1, 1, 1, 1, 1, 1, 0, 0}, {0, 0, 0, 0, 0, 0, .25f, 0}, {0, 0, 0, 0, 0, 0, 0, .25f}};
   Show(window);
-  EXPECT_FLOAT_EQ(det_->HotwordViterbiSearchTracebackLog(0, 0), 0.625f);
+  EXPECT_FLOAT_EQ(Score(0), 0.625f);
   // Equal log sums at frame 3 enter unit 1 there, leaving it only 0.25.
   Show({{0, .25f, .5f, .5f}, {.5f, 0, .5f, .25f}});
-  EXPECT_EQ(det_->HotwordViterbiSearchTracebackLog(0, 1), 0.0f);
+  EXPECT_EQ(Score(1), 0.0f);
   Load({Hotword(8, 8, {0, 0, 0})}, 0);  // no sub-states to align
   Show(window);
-  EXPECT_EQ(det_->HotwordViterbiSearchTracebackLog(0, 0), 0.0f);
+  EXPECT_EQ(Score(0), 0.0f);
 }
 
 TEST_F(SearchTest, ReduplicationFiresOnTheSecondInstanceOnly) {
   Load({Hotword(5, 10, {0})}, 1);
-  auto redup = [this](int32 frame_id) {
-    return det_->HotwordViterbiSearchReduplication(0, 0, frame_id);
-  };
   Show({std::vector<float>(10, .75f)});
-  EXPECT_EQ(redup(100), 0.0f);  // armed
-  EXPECT_EQ(redup(105), 0.0f);  // the same utterance
+  EXPECT_EQ(Score(0, 100), 0.0f);  // armed
+  EXPECT_EQ(Score(0, 105), 0.0f);  // the same utterance
   det_->PushSlideWindow(0, MatrixFromRows(std::vector<std::vector<float>>(10, {.25f, 0, 0})));
-  EXPECT_EQ(redup(112), 0.0f);  // too weak
+  EXPECT_EQ(Score(0, 112), 0.0f);  // too weak
   det_->PushSlideWindow(0, MatrixFromRows(std::vector<std::vector<float>>(10, {.625f, 0, 0})));
-  EXPECT_FLOAT_EQ(redup(112), (.75f + .625f) / 2);
-  EXPECT_EQ(redup(113), 0.0f);  // the pair is used up: re-armed
-  EXPECT_EQ(redup(200), 0.0f);  // re-armed
-  EXPECT_EQ(redup(216), 0.0f);  // 1.6 spans late: re-armed
-  EXPECT_FLOAT_EQ(redup(228), .625f);
+  EXPECT_FLOAT_EQ(Score(0, 112), (.75f + .625f) / 2);
+  EXPECT_EQ(Score(0, 113), 0.0f);  // the pair is used up: re-armed
+  EXPECT_EQ(Score(0, 200), 0.0f);  // re-armed
+  EXPECT_EQ(Score(0, 216), 0.0f);  // 1.6 spans late: re-armed
+  EXPECT_FLOAT_EQ(Score(0, 228), .625f);
 }
 
 TEST_F(SearchTest, PiecewiseNeedsPiecesInOrderAtAModerateGapAndVotes) {
@@ -245,7 +244,7 @@ TEST_F(SearchTest, PiecewiseNeedsPiecesInOrderAtAModerateGapAndVotes) {
     Columns window(2, std::vector<float>(30, 0.0f));
     window[0][5] = window[1][second] = 1;
     Show(window);
-    EXPECT_EQ(det_->HotwordPiecewiseSearch(0, 0), second == 8 || second == 14 ? 1.0f : 0.0f);
+    EXPECT_EQ(Score(0), second == 8 || second == 14 ? 1.0f : 0.0f);
   }
   // Three units in two pieces, gaps of 21 to 99: layouts [0][1 2] (spans 10,
   // 20), [0 1][2] (20, 20) and [0 1][2] (20, 10). Unit 2's spike is 21 frames
@@ -258,7 +257,7 @@ TEST_F(SearchTest, PiecewiseNeedsPiecesInOrderAtAModerateGapAndVotes) {
     Columns window(3, std::vector<float>(40, 0.0f));
     window[first_unit][10] = window[2][15] = 100;
     Show(window);
-    EXPECT_EQ(det_->HotwordPiecewiseSearch(0, 0), first_unit == 0 ? 1.0f : 0.0f);  // 2 or 1 of 3
+    EXPECT_EQ(Score(0), first_unit == 0 ? 1.0f : 0.0f);  // 2 or 1 of 3
   }
 }
 
@@ -287,23 +286,11 @@ TEST_F(SearchTest, PiecewiseMatchesAPlainScanOfPieceSearches) {
       }
     }
     const float vote = completed > 1 ? 1.0f : 0.0f;  // of three layouts
-    EXPECT_EQ(det_->HotwordPiecewiseSearch(0, 0), vote) << "trial " << trial;
+    EXPECT_EQ(Score(0), vote) << "trial " << trial;
     fired += vote > 0;
   }
   EXPECT_GT(fired, 5);
   EXPECT_LT(fired, 35);
-}
-
-TEST_F(SearchTest, DispatchReachesEverySearch) {
-  std::vector<TestHotword> hotwords;
-  for (int32 method : {4, 3, 6, 7, 8}) hotwords.push_back(Hotword(method, 6, {.25f, .25f}));
-  Load(hotwords, 1);
-  Show({{.5f, .75f, .5f, 0, 0, 0}, {0, 0, .25f, .5f, 1, .75f}});
-  const float direct[] = {det_->HotwordPiecewiseSearch(0, 0), det_->HotwordViterbiSearch(0, 1),
-                          det_->HotwordViterbiSearchSoftFloor(0, 2),
-                          det_->HotwordViterbiSearchTraceback(0, 3),
-                          det_->HotwordViterbiSearchTracebackLog(0, 4)};
-  for (int k = 0; k < 5; ++k) EXPECT_EQ(det_->GetHotwordPosterior(0, k, 0), direct[k]) << k;
 }
 
 }  // namespace
