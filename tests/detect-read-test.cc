@@ -8,8 +8,8 @@
 // control.
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <memory>
+#include <sstream>
 
 #include "detect-test-util.h"
 #include "test-log-capture.h"
@@ -28,13 +28,10 @@ std::string WrittenText(const UniversalDetectStream& det, const TestDir& dir) {
   std::vector<std::string> paths;
   for (int m = 0; m < det.NumModels(); ++m) paths.push_back(dir.Path("written" + std::to_string(m)));
   det.WriteHotwordModel(false, JoinModelPaths(paths));
-  std::string text;
-  for (const std::string& path : paths) text += ReadFileBytes(path);
-  std::string collapsed;
-  for (char c : text) {
-    const bool space = std::isspace(static_cast<unsigned char>(c));
-    if (!space) collapsed += c;
-    else if (!collapsed.empty() && collapsed.back() != ' ') collapsed += ' ';
+  std::string collapsed, word;
+  for (const std::string& path : paths) {
+    std::istringstream is(ReadFileBytes(path));
+    while (is >> word) collapsed += (collapsed.empty() ? "" : " ") + word;
   }
   return collapsed;
 }

@@ -185,21 +185,9 @@ TEST(FloatBoolIoTest, EncodingsRoundTripAndBadValuesAreErrors) {
             KESTREL_ERROR_TEXT(ReadBasicType(false, &b, &not_bool)));
 }
 
-TEST(FileIoTest, OutputMarksBinaryAndInputRecognisesIt) {
-  std::string path = testing::TempDir() + "/kestrel-io-test.bin";
-  for (bool binary : {true, false}) {
-    {
-      Output out(path, binary);
-      WriteToken(binary, "<A>", out.Stream());
-      WriteBasicType<int32>(binary, 3, out.Stream());
-    }
-    Input in(path);
-    EXPECT_EQ(binary, in.Binary());
-    ExpectToken(in.Binary(), "<A>", in.Stream());
-    int32 x = 0;
-    ReadBasicType(in.Binary(), &x, in.Stream());
-    EXPECT_EQ(3, x);
-  }
+// Writing and reading whole files is covered by the model file tests; here,
+// that a file which cannot be opened is named.
+TEST(FileIoTest, FilesThatCannotBeOpenedAreNamed) {
   std::string missing = testing::TempDir() + "/no-such-dir/x.kmodel";
   std::string err = KESTREL_ERROR_TEXT(Input in(missing));
   EXPECT_NE(std::string::npos, err.find(missing)) << err;
