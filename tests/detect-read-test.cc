@@ -282,7 +282,7 @@ TEST(DetectPieceLayoutTest, LayoutsOfPiecewiseModels) {
             KESTREL_ERROR_TEXT(UniversalDetectStream det(options)));
 }
 
-TEST(DetectSettingsTest, SensitivityListsByHotwordByModelOrForAll) {
+TEST(DetectSettingsTest, SensitivityAndWindowListsByHotwordByModelOrForAll) {
   TestDir dir;
   TestModel one, three;
   one.hotwords = {TestHotword{{0}, 0.5f}};
@@ -293,7 +293,12 @@ TEST(DetectSettingsTest, SensitivityListsByHotwordByModelOrForAll) {
   EXPECT_EQ(0.0f, kept.HighSensitivity(1, 2));  // no list: stays as loaded
 
   options.sensitivity_str = "0.25";
+  options.smooth_window_str = "5,7";
+  options.slide_window_str = "30,40";
   UniversalDetectStream det(options);
+  EXPECT_EQ(7, det.SmoothWindow(1));
+  EXPECT_EQ(30, det.SlideWindow(0));
+  EXPECT_EQ(40, det.SlideWindow(1));
   EXPECT_EQ("0.25, 0.25, 0.25, 0.25", det.GetSensitivity());
   EXPECT_EQ(0.25f, det.HighSensitivity(1, 1));  // falls back to the sensitivity list
   det.SetSensitivity("0.1,0.2");
@@ -306,29 +311,17 @@ TEST(DetectSettingsTest, SensitivityListsByHotwordByModelOrForAll) {
   EXPECT_EQ("1, 2, 3, 4", det.GetSensitivity());
   det.SetHighSensitivity("0.5,0.6");
   EXPECT_EQ(0.6f, det.HighSensitivity(1, 0));
-}
-
-TEST(DetectSettingsTest, WindowListsAndModelCounts) {
-  TestDir dir;
-  TestModel model;
-  model.hotwords = {TestHotword{{0}}, TestHotword{{1}}};
-  UniversalDetectStreamOptions options = Options(dir.WriteModel("a", model));
-  options.smooth_window_str = "7";
-  options.slide_window_str = "40";
-  UniversalDetectStream det(options);
-  EXPECT_EQ(7, det.SmoothWindow(0));
-  EXPECT_EQ(40, det.SlideWindow(0));
   EXPECT_EQ("ConvertStringToIntegerOrFloat: only part of the string can be converted to "
             "float or integer: 9x", KESTREL_ERROR_TEXT(det.SetSlideWindowSize("40,9x")));
 
   LogCapture capture;
   EXPECT_EQ(0, det.NumHotwords(-1));
-  EXPECT_EQ(0, det.NumHotwords(1));
-  EXPECT_EQ(2, det.NumHotwords(0));
+  EXPECT_EQ(0, det.NumHotwords(2));
+  EXPECT_EQ(3, det.NumHotwords(1));
   ASSERT_EQ(2u, capture.messages.size());
   EXPECT_EQ(kKestrelWarning, capture.messages[0].type);
   EXPECT_EQ("UniversalDetectStream: model id runs out of range, expecting a value between "
-            "[0, 1), got -1 instead.", capture.messages[0].text);
+            "[0, 2), got -1 instead.", capture.messages[0].text);
 }
 
 TEST(DetectReadTest, StopSignalsPassThroughUntouched) {

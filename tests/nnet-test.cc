@@ -81,7 +81,7 @@ Outputs Feed(Nnet* nnet, const MatrixBase& in, int first, bool flush) {
   return outputs;
 }
 
-TEST(NnetTest, ComputesSmallNetworkByHand) {
+TEST(NnetTest, ComputesSmallNetworkByHandAndRejectsInputOfTheWrongShape) {
   Nnet nnet = ReadText(kSmallNet);
   EXPECT_EQ(nnet.InputDim(), 2);
   EXPECT_EQ(nnet.OutputDim(), 2);
@@ -95,9 +95,14 @@ TEST(NnetTest, ComputesSmallNetworkByHand) {
   for (int r = 0; r < 2; ++r) {
     const float z = std::exp(logits[r][0]) + std::exp(logits[r][1]);
     ASSERT_EQ(out.rows[r].size(), 2u);
-    EXPECT_NEAR(out.rows[r][0], std::exp(logits[r][0]) / z, 1e-6);
-    EXPECT_NEAR(out.rows[r][1], std::exp(logits[r][1]) / z, 1e-6);
+    for (int k = 0; k < 2; ++k) EXPECT_NEAR(out.rows[r][k], std::exp(logits[r][k]) / z, 1e-6);
   }
+  Matrix rows;
+  std::vector<FrameInfo> info;
+  EXPECT_EQ(KESTREL_ERROR_TEXT(nnet.Compute(Matrix(1, 3), FrameInfos(0, 1), &rows, &info)),
+            "Nnet: input has 3 columns, the network expects 2.");
+  EXPECT_EQ(KESTREL_ERROR_TEXT(nnet.Compute(Matrix(2, 2), FrameInfos(0, 1), &rows, &info)),
+            "Nnet: input has 2 rows but 1 frame records.");
 }
 
 TEST(NnetTest, SpliceHoldsFramesBackAndFlushRepeatsTheLast) {
@@ -121,16 +126,6 @@ TEST(NnetTest, AcceptsNnet1TrainingTokensAndEndMarks) {
       "<MaxNorm> 0\n [\n  2 ]\n [ 1 ]\n<!EndOfComponent>\n"
       "<AddShift> 1 1 <LearnRateCoef> 0 [ 3 ]\n<!EndOfComponent>\n");
   EXPECT_EQ(Feed(&nnet, MatrixFromRows({{4}}), 0, true).rows, Rows{{2 * 4 + 1 + 3}});
-}
-
-TEST(NnetTest, RejectsInputOfTheWrongShape) {
-  Nnet nnet = ReadText(kSmallNet);
-  Matrix out;
-  std::vector<FrameInfo> info;
-  EXPECT_EQ(KESTREL_ERROR_TEXT(nnet.Compute(Matrix(1, 3), FrameInfos(0, 1), &out, &info)),
-            "Nnet: input has 3 columns, the network expects 2.");
-  EXPECT_EQ(KESTREL_ERROR_TEXT(nnet.Compute(Matrix(2, 2), FrameInfos(0, 1), &out, &info)),
-            "Nnet: input has 2 rows but 1 frame records.");
 }
 
 // Feeds `input` in chunks of the given sizes (summing to its rows), flushing
