@@ -113,38 +113,14 @@ TEST(DetectConstructionTest, BadOptionsFailWithTheirFixedOrigin) {
             KESTREL_ERROR_TEXT(UniversalDetectStream det(Options(",,"))));
 }
 
-TEST(DetectModelReadTest, AbsentGroupsTakeDefaultsAndHotwordsNumberAcrossFiles) {
+// Optional groups absent take their defaults; the second model holds every
+// allowed combination of them.
+TEST(DetectModelReadTest, OptionalGroupsInEveryCombinationAndHotwordsNumberAcrossFiles) {
   TestDir dir;
   TestModel first;
   first.slide_window = 10;
   first.hotwords = {TestHotword{{0, 1, 2, 1}, 0.25f}, TestHotword{{}}};
   TestModel second;
-  second.hotwords = {TestHotword{{2}}, TestHotword{{1}}, TestHotword{{0}}};
-  UniversalDetectStream det(Options(WriteModels(dir, {first, second})));
-  ASSERT_EQ(2, det.NumModels());
-  EXPECT_EQ(2, det.NumHotwords(0));
-  EXPECT_EQ(3, det.NumHotwords(1));
-  EXPECT_EQ((std::vector<int32>{1, 2}), (std::vector<int32>{det.HotwordId(0, 0), det.HotwordId(0, 1)}));
-  EXPECT_EQ(5, det.HotwordId(1, 2));
-  EXPECT_EQ(10, det.SlideWindow(0));
-
-  const std::string text = WrittenText(det, dir);
-  // The mask spreads 4 units over a window of 10, truncating; an empty
-  // keyword gets the single boundary 0.
-  EXPECT_NE(std::string::npos,
-            text.find("<Kw> [ 0 1 2 1 ] <Sensitivity> 0.25 <SearchMethod> 1 "
-                      "<SearchNeighbour> 0 <SearchMask> [ 0 2 5 7 10 ] "
-                      "<SearchFloor> [ 0.05 0.05 0.05 0.05 ] <SearchMax> F <NumPieces> 1 "
-                      "<DurationPass> 0 <FloorPass> 0"))
-      << text;
-  EXPECT_NE(std::string::npos, text.find("<Kw> [ ] <Sensitivity> 0.5 <SearchMethod> 1 "
-                                         "<SearchNeighbour> 0 <SearchMask> [ 0 ]"))
-      << text;
-}
-
-TEST(DetectModelReadTest, OptionalGroupsInEveryAllowedCombination) {
-  TestDir dir;
-  TestModel model;
   const TestSearchGroup search{3, 2, {0, 4, 9}, {0.1f, 0.2f, 0.9f}};  // floor cut to 2
   for (int groups = 0; groups < 16; ++groups) {
     TestHotword hw{{0, 1}};
@@ -152,53 +128,66 @@ TEST(DetectModelReadTest, OptionalGroupsInEveryAllowedCombination) {
     if ((groups & 3) == 3) hw.search_max = true;  // only after a search group
     if (groups & 4) hw.num_pieces = 2;
     if (groups & 8) hw.passes = std::make_pair(1, 2);
-    model.hotwords.push_back(hw);
+    second.hotwords.push_back(hw);
   }
-  UniversalDetectStream det(Options(dir.WriteModel("m", model)));
-  ASSERT_EQ(16, det.NumHotwords(0));
+  UniversalDetectStream det(Options(WriteModels(dir, {first, second})));
+  ASSERT_EQ(2, det.NumModels());
+  EXPECT_EQ(2, det.NumHotwords(0));
+  EXPECT_EQ(16, det.NumHotwords(1));
+  EXPECT_EQ((std::vector<int32>{1, 2}), (std::vector<int32>{det.HotwordId(0, 0), det.HotwordId(0, 1)}));
+  EXPECT_EQ(18, det.HotwordId(1, 15));
+  EXPECT_EQ(10, det.SlideWindow(0));
+
   const std::string text = WrittenText(det, dir);
-  EXPECT_NE(std::string::npos,
-            text.find("<Kw> [ 0 1 ] <Sensitivity> 0.5 <SearchMethod> 3 <SearchNeighbour> 2 "
-                      "<SearchMask> [ 0 4 9 ] <SearchFloor> [ 0.1 0.2 ] <SearchMax> T "
-                      "<NumPieces> 2 <DurationPass> 1 <FloorPass> 2 </KwInfo>"))
-      << text;
-  EXPECT_NE(std::string::npos,
-            text.find("<SearchMask> [ 0 50 100 ] <SearchFloor> [ 0.05 0.05 ] <SearchMax> F "
-                      "<NumPieces> 1 <DurationPass> 1 <FloorPass> 2 <Kw>"))
-      << text;
+  // The mask spreads 4 units over a window of 10, truncating; an empty
+  // keyword gets the single boundary 0.
+  for (const char* written :
+       {"<Kw> [ 0 1 2 1 ] <Sensitivity> 0.25 <SearchMethod> 1 <SearchNeighbour> 0 <SearchMask> "
+        "[ 0 2 5 7 10 ] <SearchFloor> [ 0.05 0.05 0.05 0.05 ] <SearchMax> F <NumPieces> 1 "
+        "<DurationPass> 0 <FloorPass> 0",
+        "<Kw> [ ] <Sensitivity> 0.5 <SearchMethod> 1 <SearchNeighbour> 0 <SearchMask> [ 0 ]",
+        "<Kw> [ 0 1 ] <Sensitivity> 0.5 <SearchMethod> 3 <SearchNeighbour> 2 <SearchMask> "
+        "[ 0 4 9 ] <SearchFloor> [ 0.1 0.2 ] <SearchMax> T <NumPieces> 2 <DurationPass> 1 "
+        "<FloorPass> 2 </KwInfo>",
+        "<SearchMask> [ 0 50 100 ] <SearchFloor> [ 0.05 0.05 ] <SearchMax> F <NumPieces> 1 "
+        "<DurationPass> 1 <FloorPass> 2 <Kw>"}) {
+    EXPECT_NE(std::string::npos, text.find(written)) << written << "\nin: " << text;
+  }
 }
 
 TEST(DetectModelReadTest, MalformedFilesFailNamingWhatIsWrong) {
   TestDir dir;
+  const std::string path = dir.Path("bad");
+  const std::string in_hotword = "UniversalDetectStream: model file \"" + path + "\", hotword 1: ";
   auto error_for = [&dir](const TestModel& model) {
     return KESTREL_ERROR_TEXT(UniversalDetectStream det(Options(dir.WriteModel("bad", model))));
   };
-  const std::string file = "model file \"" + dir.Path("bad") + "\"";
-  TestModel model;
-  model.hotwords = {TestHotword{{0, 1}}};
-  model.hotwords[0].search_max = true;
-  EXPECT_EQ("Expected token \"<SearchMethod>\", got instead \"<SearchMax>\".", error_for(model));
-
-  model.hotwords[0] = TestHotword{{0, 3}};
-  EXPECT_EQ("UniversalDetectStream: " + file + ", hotword 1: <Kw> unit 3 is not an output of "
-            "the network, expected 0 to 2.", error_for(model));
-
-  model.hotwords[0].keyword = {0, 1};
-  model.hotwords[0].search = TestSearchGroup{2, 0, {0, 5, 10}, {0.1f}};
-  EXPECT_EQ("UniversalDetectStream: " + file + ", hotword 1: <SearchFloor> has 1 values, "
-            "expected one for each of the 2 units of <Kw>.", error_for(model));
-
-  model.hotwords[0].search = TestSearchGroup{2, 0, {0, 10}, {0.1f, 0.1f}};
-  EXPECT_EQ("UniversalDetectStream: " + file + ", hotword 1: <SearchMask> has 2 entries, "
-            "expected 3 (one per unit boundary of <Kw>).", error_for(model));
-
-  model.hotwords[0] = TestHotword{{}};
-  model.hotwords[0].search = TestSearchGroup{3, 0, {0}, {}};
-  EXPECT_EQ("UniversalDetectStream: " + file + ", hotword 1: <Kw> is empty; only search "
-            "method 1 accepts an empty keyword, got method 3.", error_for(model));
-
+  // A hotword with a search group, or without one but with <SearchMax>.
+  auto with = [](std::vector<int32> keyword, std::optional<TestSearchGroup> search) {
+    TestHotword hw(std::move(keyword));
+    hw.search = std::move(search);
+    hw.search_max = search ? std::nullopt : std::optional<bool>(true);
+    return hw;
+  };
+  const std::pair<TestHotword, std::string> cases[] = {
+      {with({0, 1}, {}), "Expected token \"<SearchMethod>\", got instead \"<SearchMax>\"."},
+      {TestHotword({0, 3}),
+       in_hotword + "<Kw> unit 3 is not an output of the network, expected 0 to 2."},
+      {with({0, 1}, TestSearchGroup{2, 0, {0, 5, 10}, {0.1f}}),
+       in_hotword + "<SearchFloor> has 1 values, expected one for each of the 2 units of <Kw>."},
+      {with({0, 1}, TestSearchGroup{2, 0, {0, 10}, {0.1f, 0.1f}}),
+       in_hotword + "<SearchMask> has 2 entries, expected 3 (one per unit boundary of <Kw>)."},
+      {with({}, TestSearchGroup{3, 0, {0}, {}}),
+       in_hotword + "<Kw> is empty; only search method 1 accepts an empty keyword, got method 3."},
+  };
+  for (const auto& [hotword, error] : cases) {
+    TestModel model;
+    model.hotwords = {hotword};
+    EXPECT_EQ(error, error_for(model));
+  }
   const std::string header = "<UniversalModel> <KwInfo> <SmoothWindow> 1 <SlideWindow> 9 ";
-  EXPECT_EQ("UniversalDetectStream: " + file + ": <NumKws> is -1, expected 0 or more hotwords.",
+  EXPECT_EQ("UniversalDetectStream: model file \"" + path +
+                "\": <NumKws> is -1, expected 0 or more hotwords.",
             KESTREL_ERROR_TEXT(UniversalDetectStream det(
                 Options(dir.WriteFile("bad", header + "<NumKws> -1 </KwInfo>")))));
   // A huge count fails at its first missing record, without allocating for it.
