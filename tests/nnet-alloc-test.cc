@@ -55,13 +55,11 @@ Nnet HotwordShapedNnet(std::mt19937* rng) {
   std::vector<int32> offsets;
   for (int o = -10; o <= 5; ++o) offsets.push_back(o);
   nnet.AppendComponent(std::make_unique<Splice>(40, offsets));
-  int dim = 640;
-  for (int out : {128, 128, 128}) {
-    nnet.AppendComponent(RandomAffine(dim, out, rng));
-    nnet.AppendComponent(std::make_unique<Relu>(out));
-    dim = out;
+  for (int in : {640, 128, 128}) {
+    nnet.AppendComponent(RandomAffine(in, 128, rng));
+    nnet.AppendComponent(std::make_unique<Relu>(128));
   }
-  nnet.AppendComponent(RandomAffine(dim, 12, rng));
+  nnet.AppendComponent(RandomAffine(128, 12, rng));
   nnet.AppendComponent(std::make_unique<Softmax>(12));
   return nnet;
 }

@@ -6,7 +6,6 @@
 #ifndef KESTREL_TESTS_TEST_TONE_HOTWORD_H_
 #define KESTREL_TESTS_TEST_TONE_HOTWORD_H_
 
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -40,9 +39,9 @@ inline int LoudestBin(double hz) {
   return best;
 }
 
-// The model file text. Splice [ 0 held ] delays every output by the held
+// Writes the model file. Splice [ 0 held ] delays every output by the held
 // frames without changing it (only the offset-0 block has weights).
-inline std::string ToneModelText(float sensitivity = 0.5f) {
+inline void WriteToneModel(const std::string& path, float sensitivity = 0.5f) {
   const int bins[2] = {LoudestBin(kWhistleFirstHz), LoudestBin(kWhistleSecondHz)};
   std::ostringstream os;
   os << "<UniversalModel> <KwInfo> <SmoothWindow> 3 <SlideWindow> 100 <NumKws> 1\n"
@@ -59,11 +58,7 @@ inline std::string ToneModelText(float sensitivity = 0.5f) {
     os << (unit == 2 ? " ]\n" : "\n");
   }
   os << " [ 0 -4.5 -4.5 ]\n<Softmax> 3 3\n</Nnet>\n";
-  return os.str();
-}
-
-inline void WriteToneModel(const std::string& path, float sensitivity = 0.5f) {
-  std::ofstream(path) << ToneModelText(sensitivity);
+  WriteBytes(path, os.str());
 }
 
 // `seconds` of white noise with a whistle starting at each of `starts`.
