@@ -73,10 +73,11 @@ inline std::unique_ptr<Component> RandomActivation(int dim, std::mt19937* rng) {
 }
 
 // Every kind of component in one small network ending in a softmax: 2
-// inputs, 3 outputs.
+// inputs, 3 outputs. The splice is lopsided, so that left and right context
+// cannot be confused.
 inline Nnet EveryKindNnet(std::mt19937* rng) {
   Nnet nnet;
-  nnet.AppendComponent(std::make_unique<Splice>(2, std::vector<int32>{-1, 0, 1}));
+  nnet.AppendComponent(std::make_unique<Splice>(2, std::vector<int32>{-2, 0, 1}));
   nnet.AppendComponent(std::make_unique<AddShift>(RandomVector(6, rng)));
   nnet.AppendComponent(std::make_unique<Rescale>(RandomVector(6, rng)));
   nnet.AppendComponent(RandomAffine(6, 5, rng));
