@@ -66,9 +66,9 @@ inline std::string IdentityNnetText(int dim) {
 // The text form of a universal model file.
 inline std::string TestModelText(const TestModel& model) {
   std::ostringstream os;
-  auto ints = [&os](const std::vector<int32>& v) {
+  auto list = [&os](const auto& values) {
     os << "[ ";
-    for (int32 x : v) os << x << " ";
+    for (auto x : values) os << x << " ";
     os << "]\n";
   };
   os << "<UniversalModel> <KwInfo>\n<SmoothWindow> " << model.smooth_window
@@ -76,15 +76,14 @@ inline std::string TestModelText(const TestModel& model) {
      << model.hotwords.size() << "\n";
   for (const TestHotword& hw : model.hotwords) {
     os << "<Kw> ";
-    ints(hw.keyword);
+    list(hw.keyword);
     os << "<Sensitivity> " << hw.sensitivity << "\n";
     if (hw.search) {
       os << "<SearchMethod> " << hw.search->method << " <SearchNeighbour> "
          << hw.search->neighbour << " <SearchMask> ";
-      ints(hw.search->mask);
-      os << "<SearchFloor> [ ";
-      for (float f : hw.search->floor) os << f << " ";
-      os << "]\n";
+      list(hw.search->mask);
+      os << "<SearchFloor> ";
+      list(hw.search->floor);
     }
     if (hw.search_max) os << "<SearchMax> " << (*hw.search_max ? "T" : "F") << "\n";
     if (hw.num_pieces) os << "<NumPieces> " << *hw.num_pieces << "\n";

@@ -244,16 +244,15 @@ TEST(MatrixTest, TextAndBinaryFormsRoundTrip) {
   m.Write(true, &bin);
   EXPECT_EQ(std::string("FM \x04\x02\0\0\0\x04\x03\0\0\0", 13), bin.str().substr(0, 13));
   EXPECT_EQ(13u + 6 * 4, bin.str().size());
-  for (bool binary : {false, true}) {
-    std::istringstream is(binary ? bin.str() : text.str());
+  // Text reading is lenient about white space within and between rows.
+  const std::string lenient = " [ 0.5  1.5\t2.5\n 10.5 11.5 12.5 \n ]\n";
+  for (const std::string& form : {text.str(), bin.str(), lenient}) {
+    std::istringstream is(form);
     Matrix back;
-    back.Read(binary, &is);
-    EXPECT_EQ(Values(m), Values(back));
+    back.Read(form[0] == 'F', &is);
+    EXPECT_EQ(Values(m), Values(back)) << form;
   }
-  std::istringstream lenient(" [ 1  2\t\n 3 4 \n ]\n");
-  Matrix back;
-  back.Read(false, &lenient);
-  EXPECT_EQ(Values(back), (std::vector<std::vector<float>>{{1, 2}, {3, 4}}));
+  Matrix back = Counting(1, 1);
   std::istringstream empty(" [ ]\n");
   back.Read(false, &empty);
   EXPECT_EQ(0, back.NumRows());
