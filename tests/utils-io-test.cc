@@ -39,7 +39,7 @@ std::string WrittenVector(bool binary, const std::vector<int32>& v) {
   return os.str();
 }
 
-TEST(IntegerIoTest, EncodingsAreExact) {
+TEST(BasicIoTest, EncodingsAreExact) {
   EXPECT_EQ("04 01 00 00 00", Bytes(Written<int32>(true, 1)));
   EXPECT_EQ("08 FE FF FF FF FF FF FF FF", Bytes(Written<int64>(true, -2)));
   EXPECT_EQ("-7 ", Written<int32>(false, -7));
@@ -47,14 +47,23 @@ TEST(IntegerIoTest, EncodingsAreExact) {
   EXPECT_EQ("04 02 00 00 00 01 00 00 00 FF FF FF FF", Bytes(WrittenVector(true, {1, -1})));
   EXPECT_EQ("[ 1 2 3 ]\n", WrittenVector(false, {1, 2, 3}));
   EXPECT_EQ("[ ]\n", WrittenVector(false, {}));
+  EXPECT_EQ("04 00 00 C0 3F", Bytes(Written<float>(true, 1.5f)));
+  EXPECT_EQ("0.05 ", Written<float>(false, 0.05f));
+  EXPECT_EQ("T", Written<bool>(true, true));
+  EXPECT_EQ("F ", Written<bool>(false, false));
 }
 
-TEST(IntegerIoTest, RoundTripsInBothModesAndTextReadingIsLenient) {
+TEST(BasicIoTest, EveryTypeRoundTripsInBothModes) {
+  const float floats[] = {0.05f, -3.40282347e+38f, 1e-40f, 123456.78f,
+                          std::numeric_limits<float>::infinity()};
   for (bool binary : {true, false}) {
     std::stringstream ss;
     WriteBasicType<int32>(binary, std::numeric_limits<int32>::min(), &ss);
     WriteBasicType<int64>(binary, 1LL << 40, &ss);
     WriteIntegerVector<int32>(binary, {5, -6, 7}, &ss);
+    for (float v : floats) WriteBasicType<float>(binary, v, &ss);
+    WriteBasicType<bool>(binary, true, &ss);
+    WriteBasicType<bool>(binary, false, &ss);
     int32 a = 0;
     int64 b = 0;
     std::vector<int32> v = {9, 9, 9, 9};  // replaced, not appended to
@@ -64,11 +73,29 @@ TEST(IntegerIoTest, RoundTripsInBothModesAndTextReadingIsLenient) {
     EXPECT_EQ(std::numeric_limits<int32>::min(), a);
     EXPECT_EQ(1LL << 40, b);
     EXPECT_EQ((std::vector<int32>{5, -6, 7}), v);
+    for (float expected : floats) {
+      float got = 0;
+      ReadBasicType(binary, &got, &ss);
+      EXPECT_EQ(expected, got);
+    }
+    bool t = false, f = true;
+    ReadBasicType(binary, &t, &ss);
+    ReadBasicType(binary, &f, &ss);
+    EXPECT_TRUE(t);
+    EXPECT_FALSE(f);
   }
-  std::istringstream is("[\n5\n  -6\t7]  42");
+}
+
+TEST(BasicIoTest, TextReadingIsLenient) {
+  std::istringstream is("[\n5\n  -6\t7]   1e-3 -inf nan +2 42");
   std::vector<int32> v;
   ReadIntegerVector(false, &v, &is);
   EXPECT_EQ((std::vector<int32>{5, -6, 7}), v);
+  for (float expected : {1e-3f, -std::numeric_limits<float>::infinity(), NAN, 2.0f}) {
+    float got = 0;
+    ReadBasicType(false, &got, &is);
+    EXPECT_TRUE(got == expected || (std::isnan(expected) && std::isnan(got))) << got;
+  }
   int32 x = 0;
   ReadBasicType(false, &x, &is);  // ends exactly at end of stream: fine
   EXPECT_EQ(42, x);
@@ -89,7 +116,7 @@ std::string ReadVectorError(bool binary, const std::string& bytes) {
   return text;
 }
 
-TEST(IntegerIoTest, FailuresGiveExactMessages) {
+TEST(BasicIoTest, FailuresGiveExactMessages) {
   const std::string basic = "Fail to read integer type in ReadBasicType()";
   const std::string at_end = basic + ", file position is -1, next char is [character -1]";
   const std::string size = "Fail to read integer type in ReadIntegerVecotr(): expecting type of "
@@ -109,6 +136,16 @@ TEST(IntegerIoTest, FailuresGiveExactMessages) {
     EXPECT_EQ("Fail to ReadIntegerVector.", ReadVectorError(bad[0] == '\x04', bad));
   }
   EXPECT_EQ("Expected token \"[\", got instead \"1\".", ReadVectorError(false, "1 2 ]"));
+  float f;
+  bool b;
+  std::istringstream word("0.5x");
+  EXPECT_EQ("ReadBasicType: expected a float, got \"0.5x\".",
+            KESTREL_ERROR_TEXT(ReadBasicType(false, &f, &word)));
+  std::istringstream short_binary(std::string("\x04\x01\x02", 3));
+  EXPECT_NE("", KESTREL_ERROR_TEXT(ReadBasicType(true, &f, &short_binary)));
+  std::istringstream not_bool("X");
+  EXPECT_EQ("ReadBasicType: expected a bool ('T' or 'F'), got 'X'.",
+            KESTREL_ERROR_TEXT(ReadBasicType(false, &b, &not_bool)));
 
   std::ostringstream os;
   os.setstate(std::ios::badbit);
@@ -141,48 +178,6 @@ TEST(TokenIoTest, TokensPeekAndMismatch) {
   std::ostringstream os;
   EXPECT_NE("", KESTREL_ERROR_TEXT(WriteToken(false, "two words", &os)));
   EXPECT_NE("", KESTREL_ERROR_TEXT(WriteToken(false, "", &os)));
-}
-
-TEST(FloatBoolIoTest, EncodingsRoundTripAndBadValuesAreErrors) {
-  EXPECT_EQ("04 00 00 C0 3F", Bytes(Written<float>(true, 1.5f)));
-  EXPECT_EQ("0.05 ", Written<float>(false, 0.05f));
-  EXPECT_EQ("T", Written<bool>(true, true));
-  EXPECT_EQ("F ", Written<bool>(false, false));
-  const float values[] = {0.05f, -3.40282347e+38f, 1e-40f, 123456.78f,
-                          std::numeric_limits<float>::infinity()};
-  for (bool binary : {true, false}) {
-    std::stringstream ss;
-    for (float v : values) WriteBasicType<float>(binary, v, &ss);
-    WriteBasicType<bool>(binary, true, &ss);
-    WriteBasicType<bool>(binary, false, &ss);
-    for (float v : values) {
-      float got = 0;
-      ReadBasicType(binary, &got, &ss);
-      EXPECT_EQ(v, got);
-    }
-    bool t = false, f = true;
-    ReadBasicType(binary, &t, &ss);
-    ReadBasicType(binary, &f, &ss);
-    EXPECT_TRUE(t);
-    EXPECT_FALSE(f);
-  }
-  std::istringstream is(" 1e-3 -inf nan +2");
-  for (float expected : {1e-3f, -std::numeric_limits<float>::infinity(), NAN, 2.0f}) {
-    float got = 0;
-    ReadBasicType(false, &got, &is);
-    EXPECT_TRUE(got == expected || (std::isnan(expected) && std::isnan(got))) << got;
-  }
-
-  float f;
-  bool b;
-  std::istringstream word("0.5x");
-  EXPECT_EQ("ReadBasicType: expected a float, got \"0.5x\".",
-            KESTREL_ERROR_TEXT(ReadBasicType(false, &f, &word)));
-  std::istringstream short_binary(std::string("\x04\x01\x02", 3));
-  EXPECT_NE("", KESTREL_ERROR_TEXT(ReadBasicType(true, &f, &short_binary)));
-  std::istringstream not_bool("X");
-  EXPECT_EQ("ReadBasicType: expected a bool ('T' or 'F'), got 'X'.",
-            KESTREL_ERROR_TEXT(ReadBasicType(false, &b, &not_bool)));
 }
 
 // Writing and reading whole files is covered by the model file tests; here,
