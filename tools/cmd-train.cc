@@ -159,6 +159,8 @@ int RunTrain(int argc, char** argv) {
   parser.AddInt("batch-size", &t.batch_size, "frames per minibatch");
   parser.AddInt("max-bin-shift", &t.max_bin_shift, "augmentation: largest shift of the mel bins");
   parser.AddInt("max-masked-bins", &t.max_masked_bins, "augmentation: widest masked band of bins");
+  parser.AddInt("max-masked-frames", &t.max_masked_frames,
+                "augmentation: longest run of context frames dropped to a quiet level");
   parser.AddString("learning-rate", &config.learning_rate, "Adam step size");
   parser.AddInt("seed", &seed, "random seed (initial weights, sampling)");
   parser.AddString("methods", &config.methods, "search methods to choose from, comma-separated");

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <random>
 #include <sstream>
@@ -71,14 +72,17 @@ void Normalise(const Vector& shift, const Vector& scale, Matrix* rows) {
 // Augments normalised training rows in place (see HotwordTrainerOptions):
 // per row, one shift of the mel axis and one masked band, the same for every
 // spliced frame of the row, as a different speaker or a narrowband channel
-// would change them.
-void AugmentRows(int feature_dim, const HotwordTrainerOptions& options, std::mt19937* rng,
+// would change them; then a run of quiet context frames, as a long stop
+// closure or a dropout would make it.
+void AugmentRows(const Splice& splice, const HotwordTrainerOptions& options, std::mt19937* rng,
                  Matrix* rows) {
-  if (options.max_bin_shift <= 0 && options.max_masked_bins <= 0) return;
+  const int feature_dim = splice.InputDim();
+  const int num_frames = static_cast<int>(splice.Offsets().size());
   std::uniform_int_distribution<int> shift_of(-options.max_bin_shift, options.max_bin_shift);
   std::uniform_int_distribution<int> width_of(0, std::max(0, options.max_masked_bins));
   std::uniform_int_distribution<int> start_of(0, feature_dim - 1);
-  std::vector<float> frame(feature_dim);
+  std::uniform_int_distribution<int> run_of(0, std::clamp(options.max_masked_frames, 0, num_frames));
+  std::vector<float> frame(feature_dim), quietest(feature_dim);
   for (int r = 0; r < rows->NumRows(); ++r) {
     const int shift = shift_of(*rng);
     const int width = width_of(*rng);
@@ -92,6 +96,19 @@ void AugmentRows(int feature_dim, const HotwordTrainerOptions& options, std::mt1
       }
       // Normalised features have mean 0.
       for (int b = start; b < std::min(feature_dim, start + width); ++b) x[b] = 0.0f;
+    }
+    const int run = run_of(*rng);
+    if (run > 0) {
+      std::fill(quietest.begin(), quietest.end(), std::numeric_limits<float>::infinity());
+      for (int k = 0; k < num_frames; ++k) {
+        for (int b = 0; b < feature_dim; ++b) {
+          quietest[b] = std::min(quietest[b], row[k * feature_dim + b]);
+        }
+      }
+      const int first = std::uniform_int_distribution<int>(0, num_frames - run)(*rng);
+      for (int k = first; k < first + run; ++k) {
+        std::copy(quietest.begin(), quietest.end(), row + k * feature_dim);
+      }
     }
   }
 }
@@ -176,7 +193,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       size_t n = std::min(frames.size() - first, static_cast<size_t>(options.batch_size));
       train.MakeBatch(frames, first, n, &rows, &labels);
       Normalise(shift, scale, &rows);
-      AugmentRows(train.FeatureDim(), options, &rng, &rows);
+      AugmentRows(train.GetSplice(), options, &rng, &rows);
       loss += trainer->TrainOnBatch(rows, labels) * n;
       done += n;
     }

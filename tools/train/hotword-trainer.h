@@ -38,8 +38,13 @@ struct HotwordTrainerOptions {
   // generalises to voices it has not heard: the mel bins of the whole row are
   // shifted by up to this many bins (a crude vocal tract length change) ...
   int32 max_bin_shift = 2;
-  // ... and a random band of up to this many bins is masked to its mean.
+  // ... a random band of up to this many bins is masked to its mean ...
   int32 max_masked_bins = 4;
+  // ... and a run of up to this many context frames drops to the quietest
+  // level the row shows in each bin, as a long stop closure or a dropout
+  // would make it (voices whose closures are longer than the training
+  // voices' otherwise lose the units around them).
+  int32 max_masked_frames = 6;
   // Held-out frames scored after each epoch (unit and filler frames alike).
   int32 max_dev_frames = 200000;
   uint32 seed = 1;
