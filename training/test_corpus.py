@@ -10,7 +10,7 @@ import wave
 import numpy as np
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from kcorpus import audio, build, texts, tts  # noqa: E402
+from kcorpus import audio, build, synth_server, texts, tts  # noqa: E402
 
 
 def tiny_cfg(out, jobs):
@@ -144,6 +144,19 @@ class Pieces(unittest.TestCase):
             onset, offset = audio.active_span(u.audio, -40)
             self.assertLess(abs(onset - u.span[0]), 0.04, r)
             self.assertLess(abs(offset - u.span[1]), 0.06, r)
+
+    def test_random_speakers_repeat_and_differ(self):
+        # A made-up speaker sounds the same whenever it is asked for (each
+        # batch starts the engine afresh), and is neither eSpeak's default
+        # voice nor another seed's speaker.
+        def say(variant):
+            voice = "gmw/en" + (("+" + synth_server.RANDOM_VARIANT + variant) if variant else "")
+            req = dict(engine="espeak-ng", voice=voice, rate=170, pitch=50, text="so kestrel")
+            return tts.synth_many([req])[0].audio
+        first = say("5")
+        np.testing.assert_array_equal(say("5"), first)
+        for other in (say(""), say("6")):
+            self.assertFalse(len(other) == len(first) and np.array_equal(other, first))
 
     def test_speaker_warp_moves_timings_with_audio(self):
         # A burst at 0.5-0.6 s labelled as a phone; after the warp the label

@@ -14,6 +14,7 @@ import time
 import numpy as np
 
 from . import audio, texts, tts
+from .synth_server import RANDOM_VARIANT
 
 SPLITS = ("train", "dev", "test")
 _SPLIT_ID = {"train": 1, "dev": 2, "test": 3, "sample": 9}
@@ -42,6 +43,10 @@ ESPEAK_VARIANTS = {
              "edward2", "iven4", "kaukovalta", "norbert", "sandro", "shelby",
              "travis", "victor", "Nguyen"],
 }
+# Share of training eSpeak voices that are random made-up speakers
+# (synth_server.random_variant) rather than eSpeak's own variants; dev and
+# test keep eSpeak's held-out variants only.
+RANDOM_SPEAKER_SHARE = 0.5
 ESPEAK_RATES = {"train": list(range(110, 231, 10)),
                 "dev": list(range(115, 236, 20)),
                 "test": list(range(125, 226, 20))}
@@ -94,6 +99,8 @@ def sample_voice(rng, split, cfg, mix=None):
     if eng == "espeak-ng":
         lang = ESPEAK_LANGS[split][rng.integers(len(ESPEAK_LANGS[split]))]
         var = ESPEAK_VARIANTS[split][rng.integers(len(ESPEAK_VARIANTS[split]))]
+        if split == "train" and rng.random() < RANDOM_SPEAKER_SHARE:
+            var = "%s%d" % (RANDOM_VARIANT, rng.integers(1000000))
         return dict(engine=eng, voice=lang + ("+" + var if var else ""),
                     rate=int(rng.choice(ESPEAK_RATES[split])),
                     pitch=int(rng.integers(20, 81)))

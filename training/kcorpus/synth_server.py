@@ -20,9 +20,14 @@ what `flite -psdur` prints.
 """
 
 import ctypes
+import glob
 import json
+import math
 import os
+import random
+import shutil
 import sys
+import tempfile
 
 vp = ctypes.c_void_p
 
@@ -44,11 +49,64 @@ CALLBACK = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.POINTER(ctypes.c_short),
                             ctypes.c_int, ctypes.POINTER(EspeakEvent))
 
 
+# Variants named RANDOM_VARIANT + <seed> are speakers made up on demand:
+# every formant's frequency, strength and width, the pitch range, roughness
+# and consonant strength are drawn from the seed.  eSpeak's own variants
+# are a few dozen hand-made speakers; training on thousands of random ones
+# is what lets the network hear speakers unlike any of them.
+RANDOM_VARIANT = "random-"
+# Frequency factor range per formant (0 is eSpeak's low-frequency boost):
+# the first two, which carry vowel identity, move the most between speakers.
+_FORMANT_SPANS = [(0.8, 1.25), (0.55, 1.5), (0.7, 1.4), (0.75, 1.3), (0.8, 1.2),
+                  (0.8, 1.2), (0.8, 1.2), (0.8, 1.2), (0.8, 1.2)]
+
+
+def random_variant(seed):
+    """-> the text of the variant file RANDOM_VARIANT + str(seed)."""
+    r = random.Random(seed)
+    lines = ["language variant", "name %s%d" % (RANDOM_VARIANT, seed)]
+    for k, (lo, hi) in enumerate(_FORMANT_SPANS):
+        factor = math.exp(r.uniform(math.log(lo), math.log(hi)))
+        lines.append("formant %d %d %d %d" % (k, round(100 * factor), r.randint(60, 140),
+                                              r.randint(70, 130)))
+    base = r.randint(60, 220)
+    lines.append("pitch %d %d" % (base, base + r.randint(20, 140)))
+    lines.append("roughness %d" % r.randint(0, 5))
+    lines.append("flutter %d" % r.randint(0, 20))
+    lines.append("consonants %d %d" % (r.randint(60, 120), r.randint(60, 120)))
+    return "\n".join(lines) + "\n"
+
+
+def private_espeak_home():
+    """A temporary directory holding an espeak-ng-data of links to the
+    system's, with a variants folder of its own to write random speakers
+    into."""
+    found = sorted(glob.glob("/usr/lib/*/espeak-ng-data") + glob.glob("/usr/share/espeak-ng-data"))
+    if not found:
+        raise RuntimeError("espeak-ng-data not found (is espeak-ng installed?)")
+    system = found[0]
+    home = tempfile.mkdtemp(prefix="kcorpus-espeak-")
+    data = os.path.join(home, "espeak-ng-data")
+    os.makedirs(os.path.join(data, "voices", "!v"))
+    for name in os.listdir(system):
+        if name != "voices":
+            os.symlink(os.path.join(system, name), os.path.join(data, name))
+    for name in os.listdir(os.path.join(system, "voices")):
+        if name != "!v":
+            os.symlink(os.path.join(system, "voices", name), os.path.join(data, "voices", name))
+    for name in os.listdir(os.path.join(system, "voices", "!v")):
+        os.symlink(os.path.join(system, "voices", "!v", name),
+                   os.path.join(data, "voices", "!v", name))
+    return home
+
+
 class Espeak:
     def __init__(self):
         self.lib = ctypes.CDLL("libespeak-ng.so.1")
+        self.home = private_espeak_home()
+        self.variants = os.path.join(self.home, "espeak-ng-data", "voices", "!v")
         # AUDIO_OUTPUT_SYNCHRONOUS=2; options PHONEME_EVENTS=1 | DONT_EXIT=0x8000
-        self.sr = self.lib.espeak_Initialize(2, 0, None, 0x8001)
+        self.sr = self.lib.espeak_Initialize(2, 0, self.home.encode(), 0x8001)
         if self.sr <= 0:
             raise RuntimeError("espeak-ng initialisation failed")
         self.cb = CALLBACK(self._collect)
@@ -69,9 +127,25 @@ class Espeak:
             i += 1
         return 0
 
+    def close(self):
+        shutil.rmtree(self.home, ignore_errors=True)
+
     def synth(self, req):
         self.pcm, self.raw = [], []
-        if self.lib.espeak_SetVoiceByName(req["voice"].encode()) != 0:
+        variant = req["voice"].partition("+")[2]
+        made = None
+        if variant.startswith(RANDOM_VARIANT):
+            # Only while the voice is set: eSpeak lists every variant file
+            # on each voice change and stops listing at a few hundred.
+            made = os.path.join(self.variants, variant)
+            with open(made, "w") as f:
+                f.write(random_variant(int(variant[len(RANDOM_VARIANT):])))
+        try:
+            found = self.lib.espeak_SetVoiceByName(req["voice"].encode()) == 0
+        finally:
+            if made:
+                os.remove(made)
+        if not found:
             raise ValueError("espeak-ng voice not found: %s" % req["voice"])
         self.lib.espeak_SetParameter(1, int(req["rate"]), 0)     # espeakRATE
         self.lib.espeak_SetParameter(3, int(req["pitch"]), 0)    # espeakPITCH
@@ -171,7 +245,14 @@ def run_batch(engines, reqs, out):
 
 
 def main():
-    engines = {"espeak-ng": Espeak(), "flite": Flite()}
+    espeak = Espeak()
+    try:
+        serve({"espeak-ng": espeak, "flite": Flite()})
+    finally:
+        espeak.close()
+
+
+def serve(engines):
     out = sys.stdout.buffer
     for line in sys.stdin:
         out.flush()
