@@ -9,7 +9,8 @@ its output depends only on its own requests.  It stays free of numpy so
 fork() is cheap.
 
 Protocol: a batch is one JSON line on stdin, a list of requests
-{"engine": "espeak-ng"|"flite", "voice", "rate", "pitch", "text"}.  For each
+{"engine": "espeak-ng"|"flite", "voice", "rate", "pitch", "text"}; an
+eSpeak voice may name a made-up speaker, "<language>+random-<seed>".  For each
 request the reply is a JSON header line {"ok", "sr", "n", "raw": [[phone,
 start_s], ...], "end": s} followed by n int16 samples (native order); then
 one line {"done": true, "status": exit status of the child}.
@@ -50,8 +51,8 @@ CALLBACK = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.POINTER(ctypes.c_short),
 
 
 # Variants named RANDOM_VARIANT + <seed> are speakers made up on demand:
-# every formant's frequency, strength and width, the pitch range, roughness
-# and consonant strength are drawn from the seed.  eSpeak's own variants
+# every formant's frequency, strength and width, the pitch range, roughness,
+# flutter and consonant strength are drawn from the seed.  eSpeak's own variants
 # are a few dozen hand-made speakers; training on thousands of random ones
 # is what lets the network hear speakers unlike any of them.
 RANDOM_VARIANT = "random-"
