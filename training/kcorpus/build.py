@@ -87,7 +87,8 @@ def load_text(phrase):
         words = texts.load_words(phrase)
         allw = sorted(w for v in words.values() for w in v)
         _TEXT.update(phrase=phrase, sentences=texts.load_sentences(phrase),
-                     words=words, confusables=texts.confusables(phrase, allw))
+                     words=words, near_words=texts.near_words(phrase, words),
+                     confusables=texts.confusables(phrase, allw))
 
 
 # ------------------------------------------------------------- sampling
@@ -139,6 +140,10 @@ def context_text(rng, split, max_words=7):
         i = int(rng.integers(0, max(1, len(ws) - n + 1)))
         return " ".join(ws[i:i + n])
     words = _TEXT["words"][split]
+    # Half of the training word lists are hard negatives; dev and test keep
+    # plain dictionary words (and their random draws).
+    if split == "train" and rng.random() < 0.5:
+        words = _TEXT["near_words"][split]
     return " ".join(words[rng.integers(len(words))] for _ in range(rng.integers(1, 5)))
 
 

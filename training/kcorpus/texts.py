@@ -109,3 +109,13 @@ def confusables(phrase, words, limit=30):
             seen.add(c)
             res.append(c)
     return res[:limit + len(KESTREL_CONFUSABLES)]
+
+
+def near_words(phrase, words):
+    """-> {split: [word]}: words sharing a three-letter piece of spelling
+    with a phrase word ("abstract", "vestry" for "kestrel"), hard negatives
+    that say some of the hotword's sounds in other company."""
+    banned = set(norm_words(phrase))
+    pieces = {w[i:i + 3] for w in norm_words(phrase) for i in range(len(w) - 2)}
+    return {s: [w for w in ws if w not in banned and any(p in w for p in pieces)]
+            for s, ws in words.items()}
