@@ -47,6 +47,9 @@ ESPEAK_VARIANTS = {
 # (synth_server.random_variant) rather than eSpeak's own variants; dev and
 # test keep eSpeak's held-out variants only.
 RANDOM_SPEAKER_SHARE = 0.5
+# Share of training word lists drawn from texts.near_words (hard negatives);
+# dev and test keep plain dictionary words (and their random draws).
+NEAR_WORD_SHARE = 0.5
 ESPEAK_RATES = {"train": list(range(110, 231, 10)),
                 "dev": list(range(115, 236, 20)),
                 "test": list(range(125, 226, 20))}
@@ -140,9 +143,7 @@ def context_text(rng, split, max_words=7):
         i = int(rng.integers(0, max(1, len(ws) - n + 1)))
         return " ".join(ws[i:i + n])
     words = _TEXT["words"][split]
-    # Half of the training word lists are hard negatives; dev and test keep
-    # plain dictionary words (and their random draws).
-    if split == "train" and rng.random() < 0.5:
+    if split == "train" and rng.random() < NEAR_WORD_SHARE:
         words = _TEXT["near_words"][split]
     return " ".join(words[rng.integers(len(words))] for _ in range(rng.integers(1, 5)))
 

@@ -114,8 +114,8 @@ def confusables(phrase, words, limit=30):
 def near_words(phrase, words):
     """-> {split: [word]}: words sharing a three-letter piece of spelling
     with a phrase word ("abstract", "vestry" for "kestrel"), hard negatives
-    that say some of the hotword's sounds in other company."""
-    banned = set(norm_words(phrase))
+    that say some of the hotword's sounds in other company.  A phrase of
+    short words has no such pieces: then every word is "near"."""
     pieces = {w[i:i + 3] for w in norm_words(phrase) for i in range(len(w) - 2)}
-    return {s: [w for w in ws if w not in banned and any(p in w for p in pieces)]
+    return {s: [w for w in ws if not pieces or any(p in w for p in pieces)]
             for s, ws in words.items()}
