@@ -31,11 +31,8 @@ export interface DetectorOptions {
   names?: string[];
 }
 
-/** A hotword detector on one audio stream. Not shareable between threads. */
-export declare class Detector {
-  /** Loads the models (the bytes of .kmodel files). Throws an `Error` carrying the
-   *  library's message (and `code`, e.g. "KESTREL_ERROR_MODEL") for a bad model or option. */
-  constructor(models: Uint8Array[], options?: DetectorOptions);
+/** A hotword detector on one audio stream, made by `new kestrel.Detector(...)`. */
+export interface Detector {
   readonly sampleRate: number;
   readonly numHotwords: number;
   /** The hotwords' names, by hotword number - 1 ("" where none was given). */
@@ -57,10 +54,17 @@ export declare class Detector {
   delete(): void;
 }
 
+export interface DetectorConstructor {
+  /** Loads the models (the bytes of .kmodel files). Throws an `Error` carrying the
+   *  library's message (and `code`, e.g. "KESTREL_ERROR_MODEL") for a bad model or option. */
+  new (models: Uint8Array[], options?: DetectorOptions): Detector;
+}
+
+/** One instance of the WebAssembly module; its detectors share its memory. */
 export interface Kestrel {
   /** The library's version, "MAJOR.MINOR.PATCH". */
   readonly version: string;
-  readonly Detector: typeof Detector;
+  readonly Detector: DetectorConstructor;
 }
 
 export interface LoadOptions {

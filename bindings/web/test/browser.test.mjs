@@ -76,6 +76,8 @@ test('the demo page shows the detection of the fake microphone\'s hotword', { sk
     let detections;
     try {
       detections = await until('a detection on the page', 40, async () => {
+        const failed = await run('return document.getElementById("status").classList.contains("error")');
+        if (failed) throw new Error('the page reports an error');
         const items = await run('return [...document.querySelectorAll("#detections li")].map((li) => li.textContent)');
         return items.length ? items : null;
       });
