@@ -1,9 +1,12 @@
 // The module in Node, against the native command on the same audio.
 import assert from 'node:assert/strict';
-import { readFileSync } from 'node:fs';
+import { execFileSync } from 'node:child_process';
+import { mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
 import { test } from 'node:test';
 
-import { modelPath, modulePath, nativeDetections, readWav, samplePath, skipReason } from './helpers.mjs';
+import { cliPath, modelPath, modulePath, nativeDetections, readWav, samplePath, skipReason } from './helpers.mjs';
 
 const skip = skipReason();
 const k = skip ? null : await (await import(modulePath)).loadKestrel();
@@ -33,6 +36,19 @@ test('detections are the native command\'s, for int16 and float audio', { skip }
   const floats = Float32Array.from(samples, (s) => s / 32768);
   assert.deepEqual(positions(detectAll(d, floats, 16000)), expected);
   d.delete();
+});
+
+test('the model in text form reads the same numbers', { skip }, () => {
+  const dir = mkdtempSync(join(tmpdir(), 'kestrel-web-'));
+  try {
+    execFileSync(cliPath, ['convert', modelPath, join(dir, 'text.kmodel'), '--text']);
+    const text = readFileSync(join(dir, 'text.kmodel'));
+    const d = new k.Detector([text], { names: ['hey kestrel'] });
+    assert.deepEqual(positions(detectAll(d, samples)), nativeDetections(samplePath, 'hey kestrel'));
+    d.delete();
+  } finally {
+    rmSync(dir, { recursive: true });
+  }
 });
 
 test('48 kHz audio is resampled inside and found at the same time', { skip }, () => {
