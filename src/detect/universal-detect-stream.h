@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "detect/piece-layouts.h"
 #include "model/hotword-model.h"
 #include "nnet/frame-info.h"
 #include "nnet/nnet.h"
@@ -67,14 +68,8 @@ struct UniversalDetectStreamOptions {
 
 class UniversalDetectStream : public StreamItf {
  public:
-  // One piece of a hotword for the piecewise search: the units
-  // [first_unit, end_unit) of its keyword, searched over the span_frames
-  // frames before the current one.
-  struct PieceInfo {
-    int32 span_frames = 0;
-    int32 first_unit = 0;
-    int32 end_unit = 0;
-  };
+  // One piece of a hotword for the piecewise search (piece-layouts.h).
+  using PieceInfo = kestrel::PieceInfo;
 
   // Checks the options, loads every model of options.model_str and applies
   // the option strings. Throws KestrelError on bad options or model files.
