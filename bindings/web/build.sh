@@ -8,9 +8,10 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-# Size budget of the built module, in bytes: a page should not pay more for
-# hotword detection than for a small image. Models are loaded separately.
-readonly WASM_BUDGET=$((400 * 1024))
+# Size budget of the built module, in bytes: the code should cost a page less
+# than the bundled model it runs (600 KB). About half of it is the C and C++
+# standard libraries (streams, locales, number parsing, malloc).
+readonly WASM_BUDGET=$((512 * 1024))
 readonly MJS_BUDGET=$((64 * 1024))
 
 if ! command -v em++ >/dev/null || ! command -v node >/dev/null; then
