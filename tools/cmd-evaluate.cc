@@ -82,7 +82,7 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
   // The model as it is, over a sweep around its own sensitivity.
   std::vector<NamedCurve> curves;
   const float shipped = model.hotwords[0].sensitivity;
-  curves.push_back({"model: " + SearchMethodName(model.hotwords[0].search_method),
+  curves.push_back({"model: " + SearchMethodLabel(model.hotwords[0].search_method),
                     SweepSensitivities(test.clips, test_posteriors, model,
                                        SensitivityGrid(shipped, 0.2f, 0.01f), tuning)});
   const std::vector<std::vector<int>> shipped_detections =
@@ -100,7 +100,7 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
                               tuning, Progress);
     for (const TunedSearch& t : tuned) {
       const float s = t.settings.hotwords[0].sensitivity;
-      curves.push_back({SearchMethodName(t.settings.hotwords[0].search_method),
+      curves.push_back({SearchMethodLabel(t.settings.hotwords[0].search_method),
                         SweepSensitivities(test.clips, test_posteriors, t.settings,
                                            SensitivityGrid(s, 0.2f, 0.01f), tuning)});
       Progress("swept " + curves.back().name);
@@ -124,7 +124,7 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
   if (!tuned.empty()) {
     out << "| search | smooth | span | floor | tuned sensitivity |\n|---|---|---|---|---|\n";
     for (const TunedSearch& t : tuned) {
-      out << "| " << SearchMethodName(t.settings.hotwords[0].search_method) << " | "
+      out << "| " << SearchMethodLabel(t.settings.hotwords[0].search_method) << " | "
           << t.settings.smooth_window << " | " << t.settings.slide_window << " | "
           << t.settings.hotwords[0].search_floor[0] << " | " << t.point.sensitivity << " |\n";
     }

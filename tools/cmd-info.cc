@@ -16,20 +16,6 @@
 namespace kestrel {
 namespace {
 
-const char* SearchMethodName(int32 code) {
-  switch (code) {
-    case 1: return "naive";
-    case 2: return "DTW";
-    case 3: return "Viterbi";
-    case 4: return "piecewise";
-    case 5: return "Viterbi with reduplication";
-    case 6: return "soft-floor Viterbi";
-    case 7: return "Viterbi with traceback";
-    case 8: return "log-domain Viterbi with traceback";
-    default: return "unknown";
-  }
-}
-
 std::string Frames(int32 frames) {
   std::ostringstream os;
   os << frames << " frames (" << frames / 100.0 << " s)";

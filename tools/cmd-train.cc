@@ -108,7 +108,7 @@ int Train(TrainConfig config, const UniversalDetectStreamOptions& detector) {
   report.precision(3);
   report << "model: " << config.out << " (" << std::filesystem::file_size(config.out) << " bytes)\n"
          << "units: " << units.Describe() << "\n"
-         << "search: " << SearchMethodName(hw.search_method) << ", smooth window "
+         << "search: " << SearchMethodLabel(hw.search_method) << ", smooth window "
          << best.settings.smooth_window << ", slide window " << best.settings.slide_window
          << ", floor " << hw.search_floor[0] << ", sensitivity " << hw.sensitivity << "\n"
          << config.dev_split << " at that sensitivity: FRR " << 100.0 * best.point.FalseRejectionRate()

@@ -8,12 +8,8 @@
 
 namespace kestrel {
 
-std::string SearchMethodName(int32 method) {
-  static const char* const kNames[] = {"naive",       "DTW",        "Viterbi",
-                                       "piecewise",   "Viterbi x2", "soft-floor Viterbi",
-                                       "traceback",   "log traceback"};
-  std::string name = (method >= 1 && method <= 8) ? kNames[method - 1] : "unknown";
-  return name + " (" + std::to_string(method) + ")";
+std::string SearchMethodLabel(int32 method) {
+  return std::string(SearchMethodName(method)) + " (" + std::to_string(method) + ")";
 }
 
 HotwordModelSettings MakeHotwordSettings(const std::vector<double>& unit_seconds, int32 method,
@@ -140,7 +136,7 @@ std::vector<TunedSearch> TuneSearchMethods(const std::vector<CorpusClip>& clips,
       std::ostringstream line;
       line.setf(std::ios::fixed);
       line.precision(3);
-      line << "tune: " << SearchMethodName(method) << ": smooth " << best.settings.smooth_window
+      line << "tune: " << SearchMethodLabel(method) << ": smooth " << best.settings.smooth_window
            << ", span " << best.settings.slide_window << ", floor "
            << best.settings.hotwords[0].search_floor[0] << ", sensitivity "
            << best.point.sensitivity << " -> FRR " << 100.0 * best.point.FalseRejectionRate()

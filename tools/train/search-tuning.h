@@ -73,7 +73,7 @@ std::vector<TunedSearch> TuneSearchMethods(const std::vector<CorpusClip>& clips,
 size_t BestTunedSearch(const std::vector<TunedSearch>& tuned);
 
 // "Viterbi (3)" and so on.
-std::string SearchMethodName(int32 method);
+std::string SearchMethodLabel(int32 method);
 
 }  // namespace kestrel
 
