@@ -33,6 +33,9 @@
 #include "stream/stream-itf.h"
 #include "utils/kestrel-matrix.h"
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -327,5 +330,7 @@ class UniversalDetectStream : public StreamItf {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_DETECT_UNIVERSAL_DETECT_STREAM_H_
