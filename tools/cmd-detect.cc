@@ -91,9 +91,8 @@ class DetectCommand {
  public:
   // With `scores`, every search step's scores are printed as JSON lines
   // instead of the detections, which those lines mark.
-  DetectCommand(HotwordDetector* detector, bool json, bool scores,
-                const std::vector<std::string>& names)
-      : detector_(detector), json_(json || scores), scores_(scores), names_(names) {}
+  DetectCommand(HotwordDetector* detector, bool json, bool scores)
+      : detector_(detector), json_(json || scores), scores_(scores) {}
 
   // Each returns false after reporting a failure.
   bool RunWave(const std::string& file);
@@ -108,7 +107,6 @@ class DetectCommand {
   HotwordDetector* detector_;
   bool json_;
   bool scores_;
-  std::vector<std::string> names_;
   std::vector<int16_t> chunk_ = std::vector<int16_t>(kChunkSamples);
 };
 
@@ -119,7 +117,8 @@ void DetectCommand::ListenForScores(const std::string& file) {
     std::snprintf(time, sizeof(time), "%.2f", s.seconds);
     std::cout << "{\"file\": " << JsonString(file) << ", \"time\": " << time
               << ", \"sample\": " << s.sample << ", \"hotword\": " << s.hotword;
-    if (!names_.empty()) std::cout << ", \"name\": " << JsonString(names_[s.hotword - 1]);
+    const std::string& name = detector_->HotwordName(s.hotword);
+    if (!name.empty()) std::cout << ", \"name\": " << JsonString(name);
     std::cout << ", \"score\": " << JsonScore(s.score)
               << ", \"detected\": " << (s.detected ? "true" : "false") << "}\n";
   });
@@ -253,7 +252,7 @@ int RunDetect(int argc, char** argv) {
   } catch (const KestrelError& e) {
     return Failure("cannot load " + args.model_str + ": " + e.what());
   }
-  DetectCommand command(detector.get(), json, scores, options.hotword_names);
+  DetectCommand command(detector.get(), json, scores);
   bool ok = true;
   for (const std::string& input : inputs) {
     ok &= input == "-" ? command.RunStandardInput() : command.RunWave(input);

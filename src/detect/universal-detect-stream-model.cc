@@ -1,10 +1,9 @@
 // Loading models into the detector's per-model and per-hotword state, writing
 // them back, and the piece layouts derived for piecewise models. The file
 // format itself is HotwordModel's.
-#include <algorithm>
-#include <cmath>
-#include <cstdint>
+#include <utility>
 
+#include "detect/piece-layouts.h"
 #include "detect/universal-detect-stream.h"
 #include "utils/kestrel-globals.h"
 #include "utils/kestrel-io.h"
@@ -16,9 +15,6 @@ namespace kestrel {
 namespace {
 
 const char kLogFile[] = "universal-detect-stream";
-
-// Frames per unit of a piece's search span.
-const int32 kFramesPerPieceUnit = 10;
 
 }  // namespace
 
@@ -81,6 +77,7 @@ void UniversalDetectStream::SizeModelContainers(size_t num_models) {
 
 void UniversalDetectStream::LoadModel(int model_id, HotwordModel model, int32* next_hotword_id) {
   const int m = model_id;
+  const bool piecewise = IsPiecewiseModel(model);
   smooth_window_[m] = model.smooth_window;
   slide_window_[m] = model.slide_window;
   for (HotwordRecord& record : model.hotwords) {
@@ -110,11 +107,8 @@ void UniversalDetectStream::LoadModel(int model_id, HotwordModel model, int32* n
   search_frame_magnitude_[m].assign(keywords_[m].size(), std::deque<float>());
   smooth_sums_[m].assign(num_outputs, 0.0f);
 
-  // A model is piecewise as a whole or not at all, as its first hotword says.
   piece_infos_[m].clear();
-  if (!search_method_[m].empty() && search_method_[m][0] == kPiecewiseSearch) {
-    BuildPieceLayouts(m);
-  }
+  if (piecewise) BuildPieceLayouts(m);
 }
 
 void UniversalDetectStream::BuildPieceLayouts(int model_id) {
@@ -123,57 +117,14 @@ void UniversalDetectStream::BuildPieceLayouts(int model_id) {
   piece_infos_[m].clear();
   piece_infos_[m].resize(num_hotwords);
   for (size_t k = 0; k < num_hotwords; ++k) {
-    const int64_t num_units = static_cast<int64_t>(keywords_[m][k].size());
-    const int32 num_pieces = num_pieces_[m][k];
     const int32 num_layouts = num_piece_layouts_[m][k];
     if (num_layouts < 0) {
       KESTREL_ERR(kLogFile) << Name() << ": num_piece_layouts is " << num_layouts
                             << ", expected 0 or more.";
     }
-    std::vector<std::vector<PieceInfo>>& layouts = piece_infos_[m][k];
-    layouts.assign(num_layouts, std::vector<PieceInfo>());
-
-    if (num_units <= num_pieces) {
-      // No more units than pieces: one unit per piece, and one layout is
-      // enough since all would be alike.
-      for (std::vector<PieceInfo>& layout : layouts) {
-        for (int32 i = 0; i < num_units; ++i) layout.push_back(PieceInfo{1, i, i + 1});
-      }
-      num_piece_layouts_[m][k] = 1;
-      continue;
-    }
-    if (num_pieces <= 0) continue;
-
-    const int32 units = static_cast<int32>(num_units);
-    // Equal pieces of `equal` units; growing and shrinking pieces in steps of
-    // `step` units (P pieces of step, 2 step, ..., P step fill at most L).
-    int32 equal = static_cast<int32>(
-        std::ceil(static_cast<float>(units) / static_cast<float>(num_pieces)));
-    const int64_t triangle = static_cast<int64_t>(num_pieces) * (num_pieces + 1);
-    int32 step = static_cast<int32>(
-        std::floor(static_cast<float>(2 * num_units) / static_cast<float>(triangle)));
-    if (equal == 0) equal = 1;
-    if (step == 0) step = 1;
-
-    for (int32 r = 0; r < num_layouts; ++r) {
-      int32 begin = 0;
-      for (int32 p = 1; p <= num_pieces; ++p) {
-        int32 length = r == 0 ? p * step : r == 1 ? equal : (num_pieces - p + 1) * step;
-        int32 first = begin;
-        int32 end = begin + length;
-        if (p == num_pieces) {
-          // The last piece always ends the keyword, and is never empty when
-          // it would start at the end. Earlier pieces that overshoot leave it
-          // reversed (first > end); the piecewise search copes with that.
-          end = units;
-          if (first == units) first = units - 1;
-        }
-        const int32 span = r == 1 ? kFramesPerPieceUnit * equal
-                                  : kFramesPerPieceUnit * (end - first);
-        layouts[r].push_back(PieceInfo{span, first, end});
-        begin = end;
-      }
-    }
+    piece_infos_[m][k] = MakePieceLayouts(static_cast<int64>(keywords_[m][k].size()),
+                                          num_pieces_[m][k], num_layouts,
+                                          &num_piece_layouts_[m][k]);
   }
 }
 

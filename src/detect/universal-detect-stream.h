@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "detect/piece-layouts.h"
 #include "model/hotword-model.h"
 #include "nnet/frame-info.h"
 #include "nnet/nnet.h"
@@ -72,14 +73,8 @@ struct UniversalDetectStreamOptions {
 
 class UniversalDetectStream : public StreamItf {
  public:
-  // One piece of a hotword for the piecewise search: the units
-  // [first_unit, end_unit) of its keyword, searched over the span_frames
-  // frames before the current one.
-  struct PieceInfo {
-    int32 span_frames = 0;
-    int32 first_unit = 0;
-    int32 end_unit = 0;
-  };
+  // One piece of a hotword for the piecewise search (piece-layouts.h).
+  using PieceInfo = kestrel::PieceInfo;
 
   // Checks the options, loads every model of options.model_str and applies
   // the option strings. Throws KestrelError on bad options or model files.
@@ -89,9 +84,11 @@ class UniversalDetectStream : public StreamItf {
   // a negative <NumKws>; a network without outputs or with more than 65536;
   // a <Kw> unit that is not a network output; a <SearchFloor> with fewer
   // values than the keyword has units (a longer one is cut to the keyword);
-  // and, for search methods 2 to 8, an empty keyword or a <SearchMask> with
-  // fewer than units + 1 entries. A model may hold no hotwords; it is loaded,
-  // run and written like any other, and has no piece layouts.
+  // for search methods 2 to 8, an empty keyword; and a <SearchMask> without
+  // an entry its search reads (DTW: fewer than units + 1; the span-based
+  // searches 3, 5 to 8: empty). A mask is otherwise taken as stored, whatever
+  // its length (see HotwordModel::Check). A model may hold no hotwords; it is
+  // loaded, run and written like any other, and has no piece layouts.
   explicit UniversalDetectStream(const UniversalDetectStreamOptions& options);
   // As above, with models already loaded (files or memory) in place of the
   // files of options.model_str, which then only names where UpdateModel

@@ -205,18 +205,24 @@ void HotwordModel::CheckHotword(size_t k, const std::string& reporter) const {
                           << " values, expected one for each of the " << num_units
                           << " units of <Kw>.";
   }
-  // Every search but the naive one reads the mask up to entry `units` (the
-  // span) and needs at least one state.
+  // Every search but the naive one needs at least one state. The mask is
+  // taken as stored: DTW reads every unit boundary, the span-based searches
+  // only the last entry, the naive and piecewise searches none.
   const int32 method = record.search_method;
   if (method != kNaiveSearch && method > 0 && method <= kViterbiTracebackLogSearch) {
     if (num_units == 0) {
       KESTREL_ERR(kLogFile) << where << "<Kw> is empty; only search method " << kNaiveSearch
                             << " accepts an empty keyword, got method " << method << ".";
     }
-    if (record.search_mask.size() < num_units + 1) {
+    if (method == kDtwSearch && record.search_mask.size() < num_units + 1) {
       KESTREL_ERR(kLogFile) << where << "<SearchMask> has " << record.search_mask.size()
-                            << " entries, expected " << num_units + 1
-                            << " (one per unit boundary of <Kw>).";
+                            << " entries; the DTW search (method " << kDtwSearch << ") needs "
+                            << num_units + 1 << ", one per unit boundary of <Kw>.";
+    }
+    if (method != kDtwSearch && method != kPiecewiseSearch && record.search_mask.empty()) {
+      KESTREL_ERR(kLogFile) << where << "<SearchMask> is empty; search method " << method
+                            << " (" << SearchMethodName(method) << ") needs its last entry "
+                            << "as the span it searches.";
     }
   }
 }

@@ -70,8 +70,8 @@ struct HotwordRecord {
   // per unit.
   int32 search_method = kNaiveSearch;
   int32 search_neighbour = 0;
-  // Frame offsets of the unit boundaries; the last entry is the span that
-  // the span-based searches score.
+  // Frame offsets of the unit boundaries, of any length: DTW reads entries 0
+  // to units; the span-based searches read only the last entry, the span.
   std::vector<int32> search_mask;
   // One floor per keyword unit (a file's longer list is cut to the keyword).
   std::vector<float> search_floor;
@@ -112,9 +112,11 @@ class HotwordModel {
 
   // Errors unless the detector can run this model: a network with 1 to 65536
   // outputs; for each hotword, keyword units that are network outputs, a
-  // floor per unit, and for search methods 2 to 8 a non-empty keyword and a
-  // mask of at least units + 1 entries. Reading checks as it goes; call it on
-  // a model built or edited in code.
+  // floor per unit, for search methods 2 to 8 a non-empty keyword, and a mask
+  // with every entry its search reads: units + 1 for DTW, at least one (the
+  // span) for the other searches but the naive and piecewise ones, which
+  // read none. Reading checks as it goes; call it on a model built or edited
+  // in code.
   void Check(const std::string& reporter = "HotwordModel") const;
 
   // Unit boundaries spread evenly over `slide_window` frames: 0, ..., slide_window
