@@ -45,6 +45,9 @@
 #include "frontend/pcm-source-stream.h"
 #include "model/hotword-model.h"
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -183,5 +186,7 @@ class HotwordDetector {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_FACADE_HOTWORD_DETECTOR_H_

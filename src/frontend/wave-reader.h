@@ -22,6 +22,9 @@
 #include <vector>
 
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -64,5 +67,7 @@ class WaveReader {
 std::vector<int16_t> ReadWaveFile(const std::string& filename);
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_FRONTEND_WAVE_READER_H_

@@ -18,6 +18,9 @@
 #include "frontend/pcm-source-stream.h"
 #include "frontend/wave-reader.h"
 #include "stream/stream-itf.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -42,5 +45,7 @@ class WaveSourceStream : public StreamItf {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_FRONTEND_WAVE_SOURCE_STREAM_H_

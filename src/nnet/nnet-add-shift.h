@@ -9,6 +9,9 @@
 
 #include "nnet/nnet-component.h"
 #include "utils/kestrel-matrix.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -39,5 +42,7 @@ class AddShift : public Component {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_NNET_NNET_ADD_SHIFT_H_
