@@ -242,8 +242,8 @@ int RunDetect(int argc, char** argv) {
     return kExitOk;
   }
   std::unique_ptr<HotwordDetector> detector;
-  HotwordDetectorOptions options;
   try {
+    HotwordDetectorOptions options;
     if (!MakeDetectorOptions(args, &options, &error)) return UsageError("detect", error);
     if (inputs.empty()) {
       return UsageError("detect", "no input: give WAV files, or - for standard input");
