@@ -170,12 +170,8 @@ int RunTrain(int argc, char** argv) {
   parser.AddFlag("text", &config.text, "write the model in text form");
   AddCorpusScanOptions(&parser, &detector);
   std::vector<std::string> positional;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &positional, &error)) return UsageError("train", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &positional, &status)) return status;
   if (config.corpus.empty()) return UsageError("train", "--corpus is required");
   if (config.out.empty()) return UsageError("train", "--out is required");
   if (!positional.empty()) return UsageError("train", "unexpected argument \"" + positional[0] + "\"");
