@@ -22,8 +22,6 @@
 namespace kestrel {
 namespace {
 
-void Progress(const std::string& line) { std::cerr << line << std::endl; }
-
 // Sensitivities from `centre` - `radius` to `centre` + `radius` in `step`s,
 // kept within [0, 1].
 std::vector<float> SensitivityGrid(float centre, float radius, float step) {

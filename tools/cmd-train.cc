@@ -54,8 +54,6 @@ class Timer {
   Clock::time_point start_ = Clock::now();
 };
 
-void Progress(const std::string& line) { std::cerr << line << std::endl; }
-
 std::vector<std::vector<int>> LabelsOf(const CorpusSplit& split, const HotwordUnits& units) {
   std::vector<std::vector<int>> labels;
   for (size_t c = 0; c < split.clips.size(); ++c) {
