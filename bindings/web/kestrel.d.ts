@@ -2,7 +2,7 @@
 //
 //   import { loadKestrel } from 'kestrel-web';
 //   const k = await loadKestrel();
-//   const d = new k.Detector([modelBytes], { sampleRate: 48000, names: ['hey kestrel'] });
+//   const d = new k.Detector([modelBytes], { sampleRate: 16000, names: ['hey kestrel'] });
 //   for (const hit of d.process(float32Samples)) console.log(hit.name, hit.seconds);
 //   d.delete();
 
@@ -21,8 +21,8 @@ export interface Detection {
 }
 
 export interface DetectorOptions {
-  /** Rate of the audio passed to `process`, 8000 to 48000 Hz; other rates than 16000
-   *  are resampled inside. Default 16000. */
+  /** Rate of the audio passed to `process`, in Hz; default 16000. A rate the library cannot
+   *  take gives an Error (this version takes only 16000; demo/resampler.js converts). */
   sampleRate?: number;
   /** Sensitivity in [0, 1] (higher detects more): one for all hotwords, or one per hotword.
    *  Default: each model's own. */

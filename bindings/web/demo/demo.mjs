@@ -1,6 +1,7 @@
-// The demo page: microphone -> AudioWorklet (capture-worklet.js) -> detector
-// on this thread, at the microphone's own rate (the library resamples).
+// The demo page: microphone -> AudioWorklet (capture-worklet.js, which
+// resamples to 16 kHz) -> detector on this thread.
 import { loadKestrel } from '../dist/kestrel.mjs';
+import { kOutputRate } from './resampler.js';
 
 const kBundledModel = new URL('../../../models/hey-kestrel.kmodel', import.meta.url);
 const $ = (id) => document.getElementById(id);
@@ -63,7 +64,7 @@ async function start() {
     });
     const context = new AudioContext();
     session = { stream, context, detector: null };
-    session.detector = new kestrel.Detector([model], { ...options, sampleRate: context.sampleRate });
+    session.detector = new kestrel.Detector([model], { ...options, sampleRate: kOutputRate });
     await context.audioWorklet.addModule(new URL('capture-worklet.js', import.meta.url));
     const capture = new AudioWorkletNode(context, 'kestrel-capture');
     capture.port.onmessage = (event) => onAudio(event.data);
@@ -72,7 +73,7 @@ async function start() {
     capture.connect(context.destination);
     await context.resume();
     $('stop').disabled = false;
-    showStatus(`Listening at ${context.sampleRate} Hz.`);
+    showStatus(`Listening at ${context.sampleRate} Hz, resampled to ${kOutputRate} Hz.`);
   } catch (error) {
     stop();
     showStatus(`Could not start: ${error.message}`, true);
