@@ -216,14 +216,14 @@ TEST(WaveReaderTest, ReadsEveryIntegerAndFloatEncodingScaledToOne) {
     }
   }
   // Unknown chunks are skipped, odd-sized ones with their pad byte; floats
-  // that are not numbers read as silence.
+  // are clipped, and those that are not numbers read as silence.
   WaveLayout chunked;
   chunked.format = 3;
   chunked.bits = 32;
   chunked.extra_chunks = {{"LIST", "odd"}, {"fact", std::string(4, '\0')}};
   const float nan = std::nanf(""), inf = HUGE_VALF;
-  EXPECT_EQ((std::vector<float>{0.25f, 0.0f, 0.0f}),
-            ReadFloats(WaveBytes(FloatBytes<float>({0.25f, nan, -inf}), chunked)));
+  EXPECT_EQ((std::vector<float>{0.25f, 0.0f, 0.0f, 1.0f, -1.0f}),
+            ReadFloats(WaveBytes(FloatBytes<float>({0.25f, nan, -inf, 1.5f, -3e38f}), chunked)));
 
   WaveLayout layout;
   layout.format = 0xFFFE;

@@ -16,6 +16,7 @@
 
 namespace kestrel {
 
+struct HotwordDetectorOptions;
 struct UniversalDetectStreamOptions;
 
 // Exit codes of every command.
@@ -63,6 +64,15 @@ class ArgParser {
 // The detector options that the corpus commands (train, evaluate) let the
 // user set when they run the detector over stored network outputs.
 void AddCorpusScanOptions(ArgParser* parser, UniversalDetectStreamOptions* detector);
+
+// The detector options of the commands that run a HotwordDetector (detect,
+// listen), written into `options`; the hotword names go to `names` as given
+// (see SetHotwordNames).
+void AddDetectorOptions(ArgParser* parser, HotwordDetectorOptions* options, std::string* names);
+// False with a one-line *error when the parsed options cannot work.
+bool CheckDetectorOptions(const HotwordDetectorOptions& options, std::string* error);
+// Splits the comma-separated --hotword-names into options->hotword_names.
+void SetHotwordNames(const std::string& names, HotwordDetectorOptions* options);
 
 }  // namespace kestrel
 

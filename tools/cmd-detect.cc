@@ -12,6 +12,7 @@
 
 #include "args.h"
 #include "commands.h"
+#include "detection-output.h"
 #include "facade/hotword-detector.h"
 #include "frontend/audio-format.h"
 #include "frontend/resampler.h"
@@ -25,24 +26,6 @@ namespace {
 
 // Audio shorter than this finishes before a progress bar would help.
 constexpr int64 kProgressMinSamples = 60 * static_cast<int64>(kSampleRate);
-
-std::string JsonString(const std::string& text) {
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20) {
-      static const char kHex[] = "0123456789abcdef";
-      out += "\\u00";
-      out += kHex[c >> 4];
-      out += kHex[c & 0xF];
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
-}
 
 // A one-line bar on standard error, redrawn in place, for long files when
 // standard error is a terminal. Cleared before any other output.
@@ -77,17 +60,6 @@ class ProgressBar {
   bool drawn_ = false;
   int percent_ = -1;
 };
-
-// A score as a JSON number (null if it is not a number). Searches that find
-// no path at all score hugely negative; those print as 0, which keeps plots
-// readable and is below every threshold all the same.
-std::string JsonScore(float score) {
-  if (std::isnan(score)) return "null";
-  score = std::fmax(score, 0.0f);
-  char text[32];
-  std::snprintf(text, sizeof(text), "%.5g", score);
-  return text;
-}
 
 class DetectCommand {
  public:
@@ -132,15 +104,8 @@ HotwordDetector* DetectCommand::DetectorFor(int rate) {
 void DetectCommand::ListenForScores(HotwordDetector* detector, const std::string& file) {
   if (!scores_) return;
   detector->SetScoreListener([this, file](const HotwordScore& s) {
-    char time[32];
-    std::snprintf(time, sizeof(time), "%.2f", s.seconds);
-    std::cout << "{\"file\": " << JsonString(file) << ", \"time\": " << time
-              << ", \"sample\": " << s.sample << ", \"hotword\": " << s.hotword;
-    if (!options_.hotword_names.empty()) {
-      std::cout << ", \"name\": " << JsonString(options_.hotword_names[s.hotword - 1]);
-    }
-    std::cout << ", \"score\": " << JsonScore(s.score)
-              << ", \"detected\": " << (s.detected ? "true" : "false") << "}\n";
+    const std::vector<std::string>& names = options_.hotword_names;
+    std::cout << ScoreLine(file, s, names.empty() ? "" : names[s.hotword - 1]) << "\n";
   });
 }
 
@@ -148,20 +113,7 @@ void DetectCommand::Print(const std::string& file, const std::vector<Detection>&
                           ProgressBar* progress) {
   if (detections.empty() || scores_) return;
   progress->Clear();
-  for (const Detection& d : detections) {
-    char time[32];
-    std::snprintf(time, sizeof(time), "%.2f", d.seconds);
-    if (json_) {
-      std::cout << "{\"file\": " << JsonString(file) << ", \"time\": " << time
-                << ", \"sample\": " << d.sample << ", \"hotword\": " << d.hotword;
-      if (!d.name.empty()) std::cout << ", \"name\": " << JsonString(d.name);
-      std::cout << ", \"score\": " << JsonScore(d.score) << "}\n";
-    } else {
-      std::cout << file << "\t" << time << "\t" << d.hotword;
-      if (!d.name.empty()) std::cout << "\t" << d.name;
-      std::cout << "\n";
-    }
-  }
+  for (const Detection& d : detections) std::cout << DetectionLine(file, d, json_) << "\n";
   // Lines go out as they are found, for callers that follow a live stream.
   std::cout << std::flush;
 }
@@ -246,7 +198,6 @@ bool DetectCommand::RunStandardInput(int rate, bool floats) {
 
 int RunDetect(int argc, char** argv) {
   HotwordDetectorOptions options;
-  UniversalDetectStreamOptions& d = options.detector;
   std::string names;
   bool json = false;
   bool scores = false;
@@ -263,32 +214,7 @@ int RunDetect(int argc, char** argv) {
       "standard error is a terminal.\n\n"
       "Exit status: 0 when every input was processed, 1 when an input or a model\n"
       "could not be (the rest are still processed), 2 for a bad command line.");
-  parser.AddString("model-str", &d.model_str, "model files (.kmodel), comma-separated; required");
-  parser.AddString("sensitivity-str", &d.sensitivity_str,
-                   "sensitivities in [0, 1], higher detects more: one\n"
-                   "for all hotwords, one per model or one per hotword,\n"
-                   "comma-separated (default: the models' own)");
-  parser.AddString("high-sensitivity-str", &d.high_sensitivity_str,
-                   "sensitivities used for a while after a near miss,\n"
-                   "as above (default: --sensitivity-str, which turns\n"
-                   "that mode off)");
-  parser.AddInt("slide-step", &d.slide_step, "feature frames per search step");
-  parser.AddInt("min-state-frames", &d.min_state_frames,
-                "frames each unit must last in the Viterbi\nsearches");
-  parser.AddInt("num-piece-layouts", &d.num_piece_layouts,
-                "piece layouts per hotword in the piecewise\nsearch");
-  parser.AddInt("refractory-frames", &d.refractory_frames,
-                "frames after a detection in which no other\nis reported");
-  parser.AddString("smooth-window-str", &d.smooth_window_str,
-                   "posterior smoothing window in frames, one per\n"
-                   "model, comma-separated (default: the models' own)");
-  parser.AddString("slide-window-str", &d.slide_window_str,
-                   "search window in frames, one per model,\n"
-                   "comma-separated (default: the models' own)");
-  parser.AddFlag("no-order-check", &d.no_order_check,
-                 "naive search: skip its floor and unit-order tests");
-  parser.AddString("hotword-names", &names,
-                   "names to print, one per hotword in number order,\ncomma-separated");
+  AddDetectorOptions(&parser, &options, &names);
   parser.AddFlag("json", &json,
                  "print JSON lines: file, time, sample, hotword,\nname, score");
   parser.AddFlag("scores", &scores,
@@ -310,8 +236,7 @@ int RunDetect(int argc, char** argv) {
     std::cout << parser.Help();
     return kExitOk;
   }
-  if (d.model_str.empty()) return UsageError("detect", "--model-str is required");
-  if (d.slide_step < 1) return UsageError("detect", "--slide-step must be at least 1");
+  if (!CheckDetectorOptions(options, &error)) return UsageError("detect", error);
   if (inputs.empty()) return UsageError("detect", "no input: give WAV files, or - for standard input");
   if (rate < Resampler::kMinRate || rate > Resampler::kMaxRate) {
     return UsageError("detect", "--rate must be from 8000 to 48000, got " + std::to_string(rate));
@@ -319,13 +244,13 @@ int RunDetect(int argc, char** argv) {
   if (format != "s16le" && format != "f32le") {
     return UsageError("detect", "--format must be s16le or f32le, got \"" + format + "\"");
   }
-  SplitStringToVector(names, global_kestrel_string_delimiter, &options.hotword_names);
+  SetHotwordNames(names, &options);
 
   DetectCommand command(options, json, scores);
   try {
     command.DetectorFor(rate);  // model errors surface here, before any input
   } catch (const KestrelError& e) {
-    return Failure("cannot load " + d.model_str + ": " + e.what());
+    return Failure("cannot load " + options.detector.model_str + ": " + e.what());
   }
   bool ok = true;
   for (const std::string& input : inputs) {

@@ -191,7 +191,8 @@ double WaveReader::Decode(const unsigned char* p) const {
       const uint64_t bits = Le32(p) | (static_cast<uint64_t>(Le32(p + 4)) << 32);
       std::memcpy(&value, &bits, 8);
     }
-    return std::isfinite(value) ? value : 0.0;
+    // Clipped like integers, so that a mixdown of huge values stays finite.
+    return std::isfinite(value) ? std::clamp(value, -1.0, 1.0) : 0.0;
   }
   switch (bytes_per_sample_) {
     case 1:

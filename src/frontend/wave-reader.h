@@ -3,8 +3,8 @@
 //
 // Accepts 8-bit (unsigned), 16-, 24- and 32-bit integer PCM and 32- and
 // 64-bit float, plain or WAVE_FORMAT_EXTENSIBLE, at 8000 to 48000 Hz, with
-// any number of channels (mixed down to one by averaging). Float samples that
-// are not finite read as 0. Chunks other than "fmt " and "data" (LIST, fact,
+// any number of channels (mixed down to one by averaging). Float samples are
+// clipped to [-1, 1], and read as 0 when they are not finite. Chunks other than "fmt " and "data" (LIST, fact,
 // ...) are skipped, with the pad byte of odd-sized chunks. A data chunk that
 // the file cuts short is read as far as it goes, with a warning naming the
 // file. Anything else is refused at construction with a KestrelError whose
