@@ -31,6 +31,7 @@
 #include "facade/hotword-detector.h"
 #include "frontend/audio-format.h"
 #include "frontend/wave-reader.h"
+#include "model/hotword-model.h"
 #include "utils/kestrel-log.h"
 
 namespace kestrel {
@@ -88,7 +89,7 @@ bool Same(const std::vector<Detection>& a, const std::vector<Detection>& b) {
 int Run(int hours, const std::string& sample_path, const std::string& model) {
   const std::vector<int16_t> sample = ReadWaveFile(sample_path);
   HotwordDetectorOptions options;
-  options.detector.model_str = model;
+  options.models.push_back(HotwordModel::ReadFile(model));
   const int64 pieces = hours * kHourSamples / kPieceSamples;
   std::printf("soak: %d h of audio (%lld pieces of 20 s, %lld with the sample), model %s\n", hours,
               static_cast<long long>(pieces), static_cast<long long>(pieces / 2), model.c_str());

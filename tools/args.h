@@ -12,12 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "facade/hotword-detector.h"
 #include "utils/kestrel-types.h"
 
 namespace kestrel {
-
-struct HotwordDetectorOptions;
-struct UniversalDetectStreamOptions;
 
 // Exit codes of every command.
 constexpr int kExitOk = 0;
@@ -61,18 +59,32 @@ class ArgParser {
   bool help_requested_ = false;
 };
 
+// The detector options of the commands that run HotwordDetector (detect, and
+// any other that listens for hotwords): AddDetectorOptions registers them,
+// MakeDetectorOptions turns them into the facade's typed options.
+struct DetectorArgs {
+  // Comma-separated lists as typed (--model-str, --sensitivity-str, ...).
+  std::string model_str;
+  std::string sensitivity_str;
+  std::string high_sensitivity_str;
+  std::string smooth_window_str;
+  std::string slide_window_str;
+  std::string hotword_names;
+  // The parser writes the scalar settings straight into these options;
+  // MakeDetectorOptions adds the lists and the models.
+  HotwordDetectorOptions options;
+};
+void AddDetectorOptions(ArgParser* parser, DetectorArgs* args);
+// Checks and parses the lists: false with a one-line *error for a bad command
+// line (no models, a step below 1, a value that is not a number). Then loads
+// the models, and errors that concern them (an unreadable or malformed file)
+// are KestrelError exceptions, whose text the caller reports.
+bool MakeDetectorOptions(const DetectorArgs& args, HotwordDetectorOptions* options,
+                         std::string* error);
+
 // The detector options that the corpus commands (train, evaluate) let the
 // user set when they run the detector over stored network outputs.
 void AddCorpusScanOptions(ArgParser* parser, UniversalDetectStreamOptions* detector);
-
-// The detector options of the commands that run a HotwordDetector (detect,
-// listen), written into `options`; the hotword names go to `names` as given
-// (see SetHotwordNames).
-void AddDetectorOptions(ArgParser* parser, HotwordDetectorOptions* options, std::string* names);
-// False with a one-line *error when the parsed options cannot work.
-bool CheckDetectorOptions(const HotwordDetectorOptions& options, std::string* error);
-// Splits the comma-separated --hotword-names into options->hotword_names.
-void SetHotwordNames(const std::string& names, HotwordDetectorOptions* options);
 
 }  // namespace kestrel
 

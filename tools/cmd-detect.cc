@@ -103,9 +103,8 @@ HotwordDetector* DetectCommand::DetectorFor(int rate) {
 
 void DetectCommand::ListenForScores(HotwordDetector* detector, const std::string& file) {
   if (!scores_) return;
-  detector->SetScoreListener([this, file](const HotwordScore& s) {
-    const std::vector<std::string>& names = options_.hotword_names;
-    std::cout << ScoreLine(file, s, names.empty() ? "" : names[s.hotword - 1]) << "\n";
+  detector->SetScoreListener([detector, file](const HotwordScore& s) {
+    std::cout << ScoreLine(file, s, detector->HotwordName(s.hotword)) << "\n";
   });
 }
 
@@ -197,8 +196,7 @@ bool DetectCommand::RunStandardInput(int rate, bool floats) {
 }  // namespace
 
 int RunDetect(int argc, char** argv) {
-  HotwordDetectorOptions options;
-  std::string names;
+  DetectorArgs args;
   bool json = false;
   bool scores = false;
   int rate = kSampleRate;
@@ -214,7 +212,7 @@ int RunDetect(int argc, char** argv) {
       "standard error is a terminal.\n\n"
       "Exit status: 0 when every input was processed, 1 when an input or a model\n"
       "could not be (the rest are still processed), 2 for a bad command line.");
-  AddDetectorOptions(&parser, &options, &names);
+  AddDetectorOptions(&parser, &args);
   parser.AddFlag("json", &json,
                  "print JSON lines: file, time, sample, hotword,\nname, score");
   parser.AddFlag("scores", &scores,
@@ -236,25 +234,27 @@ int RunDetect(int argc, char** argv) {
     std::cout << parser.Help();
     return kExitOk;
   }
-  if (!CheckDetectorOptions(options, &error)) return UsageError("detect", error);
-  if (inputs.empty()) return UsageError("detect", "no input: give WAV files, or - for standard input");
   if (rate < Resampler::kMinRate || rate > Resampler::kMaxRate) {
     return UsageError("detect", "--rate must be from 8000 to 48000, got " + std::to_string(rate));
   }
   if (format != "s16le" && format != "f32le") {
     return UsageError("detect", "--format must be s16le or f32le, got \"" + format + "\"");
   }
-  SetHotwordNames(names, &options);
-
-  DetectCommand command(options, json, scores);
+  std::unique_ptr<DetectCommand> command;
   try {
-    command.DetectorFor(rate);  // model errors surface here, before any input
+    HotwordDetectorOptions options;
+    if (!MakeDetectorOptions(args, &options, &error)) return UsageError("detect", error);
+    if (inputs.empty()) {
+      return UsageError("detect", "no input: give WAV files, or - for standard input");
+    }
+    command = std::make_unique<DetectCommand>(options, json, scores);
+    command->DetectorFor(rate);  // model errors surface here, before any input
   } catch (const KestrelError& e) {
-    return Failure("cannot load " + options.detector.model_str + ": " + e.what());
+    return Failure("cannot load " + args.model_str + ": " + e.what());
   }
   bool ok = true;
   for (const std::string& input : inputs) {
-    ok &= input == "-" ? command.RunStandardInput(rate, format == "f32le") : command.RunWave(input);
+    ok &= input == "-" ? command->RunStandardInput(rate, format == "f32le") : command->RunWave(input);
   }
   return ok ? kExitOk : kExitFailure;
 }

@@ -35,8 +35,7 @@ void CatchInterrupts() {
 }  // namespace
 
 int RunListen(int argc, char** argv) {
-  HotwordDetectorOptions options;
-  std::string names;
+  DetectorArgs args;
   std::string device = "default";
   int seconds = 0;
   bool json = false;
@@ -49,7 +48,7 @@ int RunListen(int argc, char** argv) {
       "Runs until Ctrl-C, --seconds of audio, or the end of the device's audio.\n\n"
       "Exit status: 0 when listening ended as asked, 1 when the device or a model\n"
       "failed (detections up to then are printed), 2 for a bad command line.");
-  AddDetectorOptions(&parser, &options, &names);
+  AddDetectorOptions(&parser, &args);
   parser.AddString("device", &device, "ALSA capture device (see arecord -L)");
   parser.AddInt("seconds", &seconds, "stop after this much audio; 0: no limit");
   parser.AddFlag("json", &json, "print JSON lines: file (the device), time,\nsample, hotword, name, score");
@@ -61,21 +60,21 @@ int RunListen(int argc, char** argv) {
     std::cout << parser.Help();
     return kExitOk;
   }
-  if (!CheckDetectorOptions(options, &error)) return UsageError("listen", error);
   if (!positional.empty()) return UsageError("listen", "unexpected argument \"" + positional[0] + "\"");
   if (seconds < 0) return UsageError("listen", "--seconds must not be negative");
-  SetHotwordNames(names, &options);
 
   std::unique_ptr<AlsaCapture> capture;
   std::unique_ptr<HotwordDetector> detector;
   try {
+    HotwordDetectorOptions options;
+    if (!MakeDetectorOptions(args, &options, &error)) return UsageError("listen", error);
     capture = std::make_unique<AlsaCapture>(device);
     options.sample_rate = capture->SampleRate();
     detector = std::make_unique<HotwordDetector>(options);
   } catch (const CaptureError& e) {
     return Failure(e.what());
   } catch (const KestrelError& e) {
-    return Failure("cannot load " + options.detector.model_str + ": " + e.what());
+    return Failure("cannot load " + args.model_str + ": " + e.what());
   }
   std::cerr << "kestrel: listening to " << device << " (" << capture->SampleRate() << " Hz, "
             << capture->NumChannels() << (capture->NumChannels() == 1 ? " channel, " : " channels, ")

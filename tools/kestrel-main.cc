@@ -25,10 +25,8 @@ const Command kCommands[] = {
 #ifdef KESTREL_WITH_ALSA
     {"listen", RunListen, "find hotwords in live audio from a microphone (ALSA)"},
 #endif
-#ifdef KESTREL_WITH_TRAINING
     {"train", RunTrain, "train a hotword model from a corpus"},
     {"evaluate", RunEvaluate, "measure a model's detections and false alarms on a corpus"},
-#endif
 };
 
 std::string MainHelp() {
