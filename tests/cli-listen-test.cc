@@ -51,6 +51,17 @@ TEST_F(ListenCommandTest, PrintsTheDetectionHeardOnTheDevice) {
                                 "\"hotword\": 1, \"score\": ")) << result.out;
 }
 
+TEST_F(ListenCommandTest, CtrlCStopsListeningAndKeepsWhatWasHeard) {
+  // No --seconds: the device gives silence after the sample until the
+  // interrupt, which must end the run cleanly, detection printed.
+  const CommandResult result = RunKestrel(
+      "listen --model-str='" + model_ + "' --device=sample", "/dev/null",
+      "HOME='" + home_ + "' timeout --preserve-status -s INT 3 ");
+  EXPECT_EQ(0, result.status) << result.err;
+  EXPECT_EQ(0u, result.out.find("sample\t3.40\t1\n")) << result.out;
+  EXPECT_NE(std::string::npos, result.err.find("kestrel: interrupted; stopped listening\n"));
+}
+
 TEST_F(ListenCommandTest, ADeviceThatCannotBeOpenedIsNamed) {
   const CommandResult result = Listen("--device=nowhere --seconds=1");
   EXPECT_EQ(1, result.status);
