@@ -1,6 +1,7 @@
 // kestrel detect: hotwords in WAV files or raw audio on standard input.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -166,7 +167,8 @@ bool DetectCommand::RunStandardInput(int rate, bool floats) {
           const uint32_t bits = p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<uint32_t>(p[3]) << 24);
           float v;
           std::memcpy(&v, &bits, 4);
-          chunk_[i] = std::isfinite(v) ? v : 0.0f;
+          // As the WAV reader takes floats: clipped, and silence if not a number.
+          chunk_[i] = std::isfinite(v) ? std::clamp(v, -1.0f, 1.0f) : 0.0f;
         } else {
           chunk_[i] = static_cast<int16_t>(p[0] | (p[1] << 8)) / 32768.0f;
         }
