@@ -223,6 +223,9 @@ TEST_F(DetectCommandTest, BadCommandLinesExitWithStatusTwo) {
       {Detect("--slide-step=two" + whistles),
        "kestrel detect: --slide-step needs an integer, got \"two\""},
       {Detect(""), "kestrel detect: no input: give WAV files, or - for standard input"},
+      {Detect("--sensitivity-str=0.5,high" + whistles),
+       "kestrel detect: --sensitivity-str: "},
+      {"detect --model-str=, " + whistles, "kestrel detect: --model-str names no file"},
       {"frobnicate", "kestrel: unknown command \"frobnicate\""},
       {"", ""},
   };
