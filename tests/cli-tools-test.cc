@@ -274,6 +274,9 @@ TEST_F(DetectCommandTest, BadCommandLinesExitWithStatusTwo) {
       {Detect(""), "kestrel detect: no input: give WAV files, or - for standard input"},
       {Detect("--rate=96000 -"), "kestrel detect: --rate must be from 8000 to 48000, got 96000"},
       {Detect("--format=s24le -"), "kestrel detect: --format must be s16le or f32le, got \"s24le\""},
+      {Detect("--sensitivity-str=0.5,high" + whistles),
+       "kestrel detect: --sensitivity-str: "},
+      {"detect --model-str=, " + whistles, "kestrel detect: --model-str names no file"},
       {"frobnicate", "kestrel: unknown command \"frobnicate\""},
       {"", ""},
   };
