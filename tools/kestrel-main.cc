@@ -6,6 +6,7 @@
 
 #include "args.h"
 #include "commands.h"
+#include "kestrel/kestrel.h"
 #include "utils/kestrel-log.h"
 
 namespace kestrel {
@@ -31,7 +32,8 @@ const Command kCommands[] = {
 
 std::string MainHelp() {
   std::string help =
-      "usage: kestrel <command> [options] [arguments]\n\n"
+      "usage: kestrel <command> [options] [arguments]\n"
+      "       kestrel --version\n\n"
       "Hotword (wake-word) detection with .kmodel files.\n\n"
       "commands:\n";
   for (const Command& c : kCommands) {
@@ -79,6 +81,10 @@ int main(int argc, char** argv) {
   const std::string name = argv[1];
   if (name == "--help" || name == "-h" || name == "help") {
     std::cout << MainHelp();
+    return kExitOk;
+  }
+  if (name == "--version") {
+    std::cout << "kestrel " << kestrel_version() << "\n";
     return kExitOk;
   }
   for (const Command& c : kCommands) {

@@ -50,6 +50,9 @@
 #include "frontend/resampler.h"
 #include "model/hotword-model.h"
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -202,5 +205,7 @@ class HotwordDetector {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_FACADE_HOTWORD_DETECTOR_H_

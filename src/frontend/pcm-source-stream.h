@@ -22,6 +22,9 @@
 
 #include "stream/stream-itf.h"
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -62,5 +65,7 @@ class PcmSourceStream : public StreamItf {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_FRONTEND_PCM_SOURCE_STREAM_H_

@@ -24,6 +24,9 @@
 #include <vector>
 
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -78,5 +81,7 @@ class WaveReader {
 std::vector<int16_t> ReadWaveFile(const std::string& filename);
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_FRONTEND_WAVE_READER_H_

@@ -19,6 +19,9 @@
 #include "frontend/resampler.h"
 #include "frontend/wave-reader.h"
 #include "stream/stream-itf.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -45,5 +48,7 @@ class WaveSourceStream : public StreamItf {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_FRONTEND_WAVE_SOURCE_STREAM_H_
