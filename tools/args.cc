@@ -6,6 +6,9 @@
 #include <sstream>
 
 #include "detect/universal-detect-stream.h"
+#include "facade/hotword-detector.h"
+#include "utils/kestrel-globals.h"
+#include "utils/kestrel-utils.h"
 
 namespace kestrel {
 
@@ -130,6 +133,50 @@ std::string ArgParser::Help() const {
   }
   os << "  --help                  show this help\n";
   return os.str();
+}
+
+void AddDetectorOptions(ArgParser* parser, HotwordDetectorOptions* options, std::string* names) {
+  UniversalDetectStreamOptions& d = options->detector;
+  parser->AddString("model-str", &d.model_str, "model files (.kmodel), comma-separated; required");
+  parser->AddString("sensitivity-str", &d.sensitivity_str,
+                    "sensitivities in [0, 1], higher detects more: one\n"
+                    "for all hotwords, one per model or one per hotword,\n"
+                    "comma-separated (default: the models' own)");
+  parser->AddString("high-sensitivity-str", &d.high_sensitivity_str,
+                    "sensitivities used for a while after a near miss,\n"
+                    "as above (default: --sensitivity-str, which turns\n"
+                    "that mode off)");
+  parser->AddInt("slide-step", &d.slide_step, "feature frames per search step");
+  parser->AddInt("min-state-frames", &d.min_state_frames,
+                 "frames each unit must last in the Viterbi\nsearches");
+  parser->AddInt("num-piece-layouts", &d.num_piece_layouts,
+                 "piece layouts per hotword in the piecewise\nsearch");
+  parser->AddInt("refractory-frames", &d.refractory_frames,
+                 "frames after a detection in which no other\nis reported");
+  parser->AddString("smooth-window-str", &d.smooth_window_str,
+                    "posterior smoothing window in frames, one per\n"
+                    "model, comma-separated (default: the models' own)");
+  parser->AddString("slide-window-str", &d.slide_window_str,
+                    "search window in frames, one per model,\n"
+                    "comma-separated (default: the models' own)");
+  parser->AddFlag("no-order-check", &d.no_order_check,
+                  "naive search: skip its floor and unit-order tests");
+  parser->AddString("hotword-names", names,
+                    "names of the hotwords, one per hotword in number\norder, comma-separated");
+}
+
+bool FinishDetectorOptions(const std::string& names, HotwordDetectorOptions* options,
+                           std::string* error) {
+  if (options->detector.model_str.empty()) {
+    *error = "--model-str is required";
+    return false;
+  }
+  if (options->detector.slide_step < 1) {
+    *error = "--slide-step must be at least 1";
+    return false;
+  }
+  SplitStringToVector(names, global_kestrel_string_delimiter, &options->hotword_names);
+  return true;
 }
 
 void AddCorpusScanOptions(ArgParser* parser, UniversalDetectStreamOptions* detector) {

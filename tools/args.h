@@ -17,6 +17,7 @@
 namespace kestrel {
 
 struct UniversalDetectStreamOptions;
+struct HotwordDetectorOptions;
 
 // Exit codes of every command.
 constexpr int kExitOk = 0;
@@ -59,6 +60,16 @@ class ArgParser {
   std::vector<Option> options_;
   bool help_requested_ = false;
 };
+
+// The options of the commands that run a HotwordDetector on audio (detect,
+// serve): every detector stage option by its field name, and
+// --hotword-names, whose text lands in *names until FinishDetectorOptions.
+void AddDetectorOptions(ArgParser* parser, HotwordDetectorOptions* options, std::string* names);
+// After parsing: checks what the parser alone cannot (a model is given, the
+// slide step is positive) and splits *names into options->hotword_names.
+// False with a one-line *error naming the option when the check fails.
+bool FinishDetectorOptions(const std::string& names, HotwordDetectorOptions* options,
+                           std::string* error);
 
 // The detector options that the corpus commands (train, evaluate) let the
 // user set when they run the detector over stored network outputs.

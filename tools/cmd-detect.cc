@@ -12,9 +12,7 @@
 #include "facade/hotword-detector.h"
 #include "frontend/audio-format.h"
 #include "frontend/wave-reader.h"
-#include "utils/kestrel-globals.h"
 #include "utils/kestrel-log.h"
-#include "utils/kestrel-utils.h"
 
 namespace kestrel {
 namespace {
@@ -177,7 +175,6 @@ bool DetectCommand::RunStandardInput() {
 
 int RunDetect(int argc, char** argv) {
   HotwordDetectorOptions options;
-  UniversalDetectStreamOptions& d = options.detector;
   std::string names;
   bool json = false;
   ArgParser parser(
@@ -190,32 +187,7 @@ int RunDetect(int argc, char** argv) {
       "standard error is a terminal.\n\n"
       "Exit status: 0 when every input was processed, 1 when an input or a model\n"
       "could not be (the rest are still processed), 2 for a bad command line.");
-  parser.AddString("model-str", &d.model_str, "model files (.kmodel), comma-separated; required");
-  parser.AddString("sensitivity-str", &d.sensitivity_str,
-                   "sensitivities in [0, 1], higher detects more: one\n"
-                   "for all hotwords, one per model or one per hotword,\n"
-                   "comma-separated (default: the models' own)");
-  parser.AddString("high-sensitivity-str", &d.high_sensitivity_str,
-                   "sensitivities used for a while after a near miss,\n"
-                   "as above (default: --sensitivity-str, which turns\n"
-                   "that mode off)");
-  parser.AddInt("slide-step", &d.slide_step, "feature frames per search step");
-  parser.AddInt("min-state-frames", &d.min_state_frames,
-                "frames each unit must last in the Viterbi\nsearches");
-  parser.AddInt("num-piece-layouts", &d.num_piece_layouts,
-                "piece layouts per hotword in the piecewise\nsearch");
-  parser.AddInt("refractory-frames", &d.refractory_frames,
-                "frames after a detection in which no other\nis reported");
-  parser.AddString("smooth-window-str", &d.smooth_window_str,
-                   "posterior smoothing window in frames, one per\n"
-                   "model, comma-separated (default: the models' own)");
-  parser.AddString("slide-window-str", &d.slide_window_str,
-                   "search window in frames, one per model,\n"
-                   "comma-separated (default: the models' own)");
-  parser.AddFlag("no-order-check", &d.no_order_check,
-                 "naive search: skip its floor and unit-order tests");
-  parser.AddString("hotword-names", &names,
-                   "names to print, one per hotword in number order,\ncomma-separated");
+  AddDetectorOptions(&parser, &options, &names);
   parser.AddFlag("json", &json, "print JSON lines: file, time, sample, hotword,\nname");
 
   std::vector<std::string> inputs;
@@ -225,16 +197,14 @@ int RunDetect(int argc, char** argv) {
     std::cout << parser.Help();
     return kExitOk;
   }
-  if (d.model_str.empty()) return UsageError("detect", "--model-str is required");
-  if (d.slide_step < 1) return UsageError("detect", "--slide-step must be at least 1");
+  if (!FinishDetectorOptions(names, &options, &error)) return UsageError("detect", error);
   if (inputs.empty()) return UsageError("detect", "no input: give WAV files, or - for standard input");
-  SplitStringToVector(names, global_kestrel_string_delimiter, &options.hotword_names);
 
   std::unique_ptr<HotwordDetector> detector;
   try {
     detector = std::make_unique<HotwordDetector>(options);
   } catch (const KestrelError& e) {
-    return Failure("cannot load " + d.model_str + ": " + e.what());
+    return Failure("cannot load " + options.detector.model_str + ": " + e.what());
   }
   DetectCommand command(detector.get(), json);
   bool ok = true;

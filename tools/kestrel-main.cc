@@ -22,6 +22,9 @@ const Command kCommands[] = {
     {"info", RunInfo, "show the hotwords, settings and network of model files"},
     {"convert", RunConvert, "rewrite a model file in binary or text form"},
     {"features", RunFeatures, "write the filterbank features of a WAV file as NumPy .npy"},
+#ifdef KESTREL_WITH_SERVER
+    {"serve", RunServe, "serve hotword detection to Home Assistant (Wyoming protocol)"},
+#endif
 #ifdef KESTREL_WITH_TRAINING
     {"train", RunTrain, "train a hotword model from a corpus"},
     {"evaluate", RunEvaluate, "measure a model's detections and false alarms on a corpus"},

@@ -1,0 +1,96 @@
+// kestrel serve: hotword detection for Home Assistant over the Wyoming
+// protocol (server/).
+#include <signal.h>
+
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "args.h"
+#include "commands.h"
+#include "facade/hotword-detector.h"
+#include "listener.h"
+#include "server-log.h"
+#include "utils/kestrel-log.h"
+#include "wake-service.h"
+
+namespace kestrel {
+namespace {
+
+Listener* g_listener = nullptr;  // for the signal handler
+
+void StopOnSignal(int) { g_listener->Stop(); }
+
+}  // namespace
+
+int RunServe(int argc, char** argv) {
+  HotwordDetectorOptions options;
+  std::string names;
+  std::string uri = "tcp://0.0.0.0:10400";
+  int32 max_clients = 64;
+  bool debug = false;
+  ArgParser parser(
+      "kestrel serve --model-str=MODELS [options]",
+      "Serves hotword detection over the Wyoming protocol, for Home Assistant's\n"
+      "voice pipelines (add it there with the Wyoming integration, giving this\n"
+      "machine's host name and the port). Clients send 16 kHz 16-bit mono audio\n"
+      "and are told each hotword by name. Without --hotword-names each model file\n"
+      "must hold one hotword, named after the file (hey-kestrel.kmodel:\n"
+      "hey-kestrel). One log line per connection on standard error; SIGTERM or\n"
+      "SIGINT lets the clients' events in hand finish, then exits 0.");
+  AddDetectorOptions(&parser, &options, &names);
+  parser.AddString("uri", &uri, "where to listen: tcp://HOST:PORT or unix:///PATH");
+  parser.AddInt("max-clients", &max_clients,
+                "connections served at once; more are closed\nat once");
+  parser.AddFlag("debug", &debug, "log every event received and sent");
+
+  std::vector<std::string> positional;
+  std::string error;
+  if (!parser.Parse(argc, argv, 2, &positional, &error)) return UsageError("serve", error);
+  if (parser.HelpRequested()) {
+    std::cout << parser.Help();
+    return kExitOk;
+  }
+  if (!FinishDetectorOptions(names, &options, &error)) return UsageError("serve", error);
+  if (!positional.empty()) return UsageError("serve", "unexpected argument \"" + positional[0] + "\"");
+  if (max_clients < 1) return UsageError("serve", "--max-clients must be at least 1");
+
+  std::unique_ptr<WakeService> service;
+  try {
+    service = std::make_unique<WakeService>(options);
+  } catch (const KestrelError& e) {
+    return Failure("cannot load " + options.detector.model_str + ": " + e.what());
+  } catch (const std::runtime_error& e) {
+    return UsageError("serve", e.what());
+  }
+  ServerLog log(debug);
+  std::unique_ptr<Listener> listener;
+  try {
+    listener = std::make_unique<Listener>(uri, max_clients, service.get(), &log);
+  } catch (const std::runtime_error& e) {
+    return Failure(e.what());
+  }
+
+  g_listener = listener.get();
+  struct sigaction action = {};
+  action.sa_handler = StopOnSignal;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGINT, &action, nullptr);
+  std::string hotwords;
+  for (const std::string& name : service->HotwordNames()) {
+    hotwords += (hotwords.empty() ? "" : ", ") + name;
+  }
+  log.Info("listening on " + listener->Address() + "; hotwords: " + hotwords);
+  listener->Run();
+  // The handler must not outlive the listener.
+  signal(SIGTERM, SIG_IGN);
+  signal(SIGINT, SIG_IGN);
+  log.Info("stopped");
+  return kExitOk;
+}
+
+}  // namespace kestrel
