@@ -61,7 +61,13 @@ bool EventReader::ParseObject(const std::string& text, const char* what, nlohman
              " levels deep";
     return false;
   } catch (const nlohmann::json::exception& e) {
-    *error = std::string(what) + " is not valid JSON: " + e.what();
+    // The parser quotes the offending bytes, which need not be text.
+    std::string reason = e.what();
+    for (char& c : reason) {
+      const unsigned char byte = static_cast<unsigned char>(c);
+      if (byte < 0x20 || byte >= 0x7F) c = '?';
+    }
+    *error = std::string(what) + " is not valid JSON: " + reason;
     return false;
   }
   if (!out->is_object()) {

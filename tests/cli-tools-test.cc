@@ -147,9 +147,44 @@ TEST_F(DetectCommandTest, ReadsRawSamplesFromStandardInputAndPrintsJson) {
     ASSERT_EQ(0u, line.find(prefix)) << line;
     const double time = std::stod(line.substr(prefix.size()));
     const std::string sample = ", \"sample\": " + std::to_string(std::lround(time * 16000));
-    EXPECT_NE(std::string::npos, line.find(sample + ", \"hotword\": 1}")) << line;
+    EXPECT_NE(std::string::npos, line.find(sample + ", \"hotword\": 1, \"score\": ")) << line;
   }
   EXPECT_NEAR(1.33, std::stod(lines[0].substr(prefix.size())), 0.05);
+}
+
+// The value of "key": in a JSON line, as the text up to the next comma or brace.
+std::string JsonField(const std::string& line, const std::string& key) {
+  const size_t at = line.find("\"" + key + "\": ");
+  if (at == std::string::npos) return "";
+  const size_t begin = at + key.size() + 4;
+  return line.substr(begin, line.find_first_of(",}", begin) - begin);
+}
+
+TEST_F(DetectCommandTest, ScoresPrintEveryStepAndMarkTheDetections) {
+  const std::string whistles = "'" + TempPath("whistles.wav") + "'";
+  const CommandResult json = RunKestrel(Detect("--json " + whistles));
+  const CommandResult scores = RunKestrel(Detect("--scores --hotword-names=whistle " + whistles));
+  ASSERT_EQ(0, scores.status) << scores.err;
+  const std::vector<std::string> detections = json.OutLines(), steps = scores.OutLines();
+  ASSERT_EQ(2u, detections.size()) << json.out;
+  // 8 s of 10 ms steps, less those a detection drops.
+  EXPECT_NEAR(800.0, static_cast<double>(steps.size()), 40.0);
+  std::vector<std::string> marked;
+  for (const std::string& line : steps) {
+    ASSERT_EQ(0u, line.find("{\"file\": " + JsonField(detections[0], "file") + ", \"time\": "))
+        << line;
+    EXPECT_EQ("\"whistle\"", JsonField(line, "name"));
+    const double score = std::stod(JsonField(line, "score"));
+    EXPECT_TRUE(score >= 0.0 && score <= 1.0) << line;
+    if (JsonField(line, "detected") == "true") marked.push_back(line);
+  }
+  ASSERT_EQ(2u, marked.size());
+  for (int i = 0; i < 2; ++i) {
+    for (const char* key : {"time", "sample", "hotword", "score"}) {
+      EXPECT_EQ(JsonField(detections[i], key), JsonField(marked[i], key)) << key;
+    }
+    EXPECT_GE(std::stod(JsonField(marked[i], "score")), 0.5);
+  }
 }
 
 TEST_F(DetectCommandTest, AFailingInputIsReportedInOneLineAndTheRestStillRun) {

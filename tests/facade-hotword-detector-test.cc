@@ -65,6 +65,48 @@ TEST_F(HotwordDetectorTest, ReportsEachWhistleWhereItsSecondToneBeginsHoweverChu
   }
 }
 
+TEST_F(HotwordDetectorTest, ScoresEveryStepAndEachDetectionCarriesTheScoreThatPassed) {
+  const std::vector<int16_t> audio = WhistleAudio(6.0, {1.0, 4.5});
+  HotwordDetector plain(options_);
+  const std::vector<Detection> expected = RunStream(&plain, audio);
+  ASSERT_EQ(2u, expected.size());
+
+  HotwordDetector detector(options_);
+  std::vector<HotwordScore> steps;
+  detector.SetScoreListener([&steps](const HotwordScore& s) { steps.push_back(s); });
+  const std::vector<Detection> found = RunStream(&detector, audio, {777});
+  ASSERT_EQ(expected.size(), found.size());
+  std::vector<HotwordScore> detected;
+  for (size_t i = 0; i < steps.size(); ++i) {
+    EXPECT_EQ(1, steps[i].hotword);
+    if (i > 0) {
+      EXPECT_LT(steps[i - 1].sample, steps[i].sample);
+    }
+    if (steps[i].detected) detected.push_back(steps[i]);
+  }
+  // One step per 10 ms frame (slide step 1), less the frames a detection drops.
+  EXPECT_NEAR(600.0, static_cast<double>(steps.size()), 40.0);
+  ASSERT_EQ(found.size(), detected.size());
+  for (size_t i = 0; i < found.size(); ++i) {
+    EXPECT_EQ(expected[i].sample, found[i].sample);
+    EXPECT_EQ(expected[i].score, found[i].score);
+    EXPECT_GE(found[i].score, 0.5f);  // the threshold: 1 - sensitivity
+    EXPECT_LE(found[i].score, 1.0f);
+    EXPECT_EQ(found[i].sample, detected[i].sample);
+    EXPECT_EQ(found[i].score, detected[i].score);
+  }
+  // Noise before the first whistle scores well below the threshold.
+  for (const HotwordScore& s : steps) {
+    if (s.seconds < 0.9) {
+      EXPECT_LT(s.score, 0.2f) << s.seconds;
+    }
+  }
+  detector.SetScoreListener(nullptr);
+  steps.clear();
+  EXPECT_EQ(2u, RunStream(&detector, audio).size());
+  EXPECT_TRUE(steps.empty());
+}
+
 TEST_F(HotwordDetectorTest, IgnoresNoiseAndTheTonesInReverseOrder) {
   EXPECT_EQ(0u, Count(Noise(5 * 16000, 500, 9)));
   std::vector<int16_t> reversed = Noise(3 * 16000, 500, 2);

@@ -1,6 +1,7 @@
 // kestrel detect: hotwords in WAV files or raw audio on standard input.
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -73,9 +74,24 @@ class ProgressBar {
   int percent_ = -1;
 };
 
+// A score as a JSON number (null if it is not a number). Searches that find
+// no path at all score hugely negative; those print as 0, which keeps plots
+// readable and is below every threshold all the same.
+std::string JsonScore(float score) {
+  if (std::isnan(score)) return "null";
+  score = std::fmax(score, 0.0f);
+  char text[32];
+  std::snprintf(text, sizeof(text), "%.5g", score);
+  return text;
+}
+
 class DetectCommand {
  public:
-  DetectCommand(HotwordDetector* detector, bool json) : detector_(detector), json_(json) {}
+  // With `scores`, every search step's scores are printed as JSON lines
+  // instead of the detections, which those lines mark.
+  DetectCommand(HotwordDetector* detector, bool json, bool scores,
+                const std::vector<std::string>& names)
+      : detector_(detector), json_(json || scores), scores_(scores), names_(names) {}
 
   // Each returns false after reporting a failure.
   bool RunWave(const std::string& file);
@@ -84,15 +100,32 @@ class DetectCommand {
  private:
   void Print(const std::string& file, const std::vector<Detection>& detections,
              ProgressBar* progress);
+  // Routes the detector's step scores to standard output, labelled `file`.
+  void ListenForScores(const std::string& file);
 
   HotwordDetector* detector_;
   bool json_;
+  bool scores_;
+  std::vector<std::string> names_;
   std::vector<int16_t> chunk_ = std::vector<int16_t>(kChunkSamples);
 };
 
+void DetectCommand::ListenForScores(const std::string& file) {
+  if (!scores_) return;
+  detector_->SetScoreListener([this, file](const HotwordScore& s) {
+    char time[32];
+    std::snprintf(time, sizeof(time), "%.2f", s.seconds);
+    std::cout << "{\"file\": " << JsonString(file) << ", \"time\": " << time
+              << ", \"sample\": " << s.sample << ", \"hotword\": " << s.hotword;
+    if (!names_.empty()) std::cout << ", \"name\": " << JsonString(names_[s.hotword - 1]);
+    std::cout << ", \"score\": " << JsonScore(s.score)
+              << ", \"detected\": " << (s.detected ? "true" : "false") << "}\n";
+  });
+}
+
 void DetectCommand::Print(const std::string& file, const std::vector<Detection>& detections,
                           ProgressBar* progress) {
-  if (detections.empty()) return;
+  if (detections.empty() || scores_) return;
   progress->Clear();
   for (const Detection& d : detections) {
     char time[32];
@@ -101,7 +134,7 @@ void DetectCommand::Print(const std::string& file, const std::vector<Detection>&
       std::cout << "{\"file\": " << JsonString(file) << ", \"time\": " << time
                 << ", \"sample\": " << d.sample << ", \"hotword\": " << d.hotword;
       if (!d.name.empty()) std::cout << ", \"name\": " << JsonString(d.name);
-      std::cout << "}\n";
+      std::cout << ", \"score\": " << JsonScore(d.score) << "}\n";
     } else {
       std::cout << file << "\t" << time << "\t" << d.hotword;
       if (!d.name.empty()) std::cout << "\t" << d.name;
@@ -121,6 +154,7 @@ bool DetectCommand::RunWave(const std::string& file) {
     return false;
   }
   ProgressBar progress(file, reader->NumSamples());
+  ListenForScores(file);
   try {
     while (size_t n = reader->Read(chunk_.data(), chunk_.size())) {
       Print(file, detector_->Process(chunk_.data(), n), &progress);
@@ -141,6 +175,7 @@ bool DetectCommand::RunStandardInput() {
   ProgressBar no_progress(label, 0);
   std::vector<unsigned char> bytes(2 * kChunkSamples);
   size_t held = 0;  // a byte of a sample split across reads
+  ListenForScores(label);
   try {
     for (;;) {
       const size_t got = std::fread(bytes.data() + held, 1, bytes.size() - held, stdin);
@@ -177,6 +212,7 @@ int RunDetect(int argc, char** argv) {
   HotwordDetectorOptions options;
   std::string names;
   bool json = false;
+  bool scores = false;
   ArgParser parser(
       "kestrel detect --model-str=MODELS [options] FILE.wav|- ...",
       "Finds hotwords in WAV files (16 kHz 16-bit PCM; several channels are mixed\n"
@@ -188,7 +224,15 @@ int RunDetect(int argc, char** argv) {
       "Exit status: 0 when every input was processed, 1 when an input or a model\n"
       "could not be (the rest are still processed), 2 for a bad command line.");
   AddDetectorOptions(&parser, &options, &names);
-  parser.AddFlag("json", &json, "print JSON lines: file, time, sample, hotword,\nname");
+  parser.AddFlag("json", &json,
+                 "print JSON lines: file, time, sample, hotword,\nname, score");
+  parser.AddFlag("scores", &scores,
+                 "print every search step's score per hotword as\n"
+                 "JSON lines (file, time, sample, hotword, name,\n"
+                 "score, detected) instead of the detections; a\n"
+                 "hotword is detected when its score reaches\n"
+                 "1 - sensitivity (negative scores print as 0;\n"
+                 "slower: no search is skipped)");
 
   std::vector<std::string> inputs;
   std::string error;
@@ -206,7 +250,7 @@ int RunDetect(int argc, char** argv) {
   } catch (const KestrelError& e) {
     return Failure("cannot load " + options.detector.model_str + ": " + e.what());
   }
-  DetectCommand command(detector.get(), json);
+  DetectCommand command(detector.get(), json, scores, options.hotword_names);
   bool ok = true;
   for (const std::string& input : inputs) {
     ok &= input == "-" ? command.RunStandardInput() : command.RunWave(input);

@@ -112,6 +112,7 @@ int UniversalDetectStream::Read(Matrix* data, std::vector<FrameInfo>* frame_info
       PushSlideWindow(m, posteriors.RowRange(start, length));
       const int32 frame = posterior_info[end].frame_id;
       const int hotword = ChooseDetectedHotword(m, frame);
+      if (step_observer_) step_observer_(m, posterior_info[start].frame_id, step_scores_, hotword);
       if (hotword >= 0) {
         last_detection_frame_ = frame;
         last_detection_frame_copy_ = frame;
@@ -140,15 +141,19 @@ int UniversalDetectStream::ChooseDetectedHotword(int model_id, int32 frame_id) {
                 static_cast<float>(last_detection_frame_));
   float best = 0.0f;
   int best_k = -1;
+  const bool observed = static_cast<bool>(step_observer_);
+  if (observed) step_scores_.assign(keywords_[m].size(), 0.0f);
   for (int k = 0; k < static_cast<int>(keywords_[m].size()); ++k) {
     const float normal_threshold = 1.0f - sensitivities_[m][k];
     const float high_threshold = 1.0f - high_sensitivities_[m][k];
     // Every hotword is scored on every step (some searches keep state),
     // unless its score provably lies below both thresholds: any such score
     // leads to the same decisions below.
-    const float score = SearchRuledOut(m, k, std::min(normal_threshold, high_threshold))
-                            ? -std::numeric_limits<float>::infinity()
-                            : GetHotwordPosterior(m, k, frame_id);
+    const float score =
+        !observed && SearchRuledOut(m, k, std::min(normal_threshold, high_threshold))
+            ? -std::numeric_limits<float>::infinity()
+            : GetHotwordPosterior(m, k, frame_id);
+    if (observed) step_scores_[k] = score;
     bool high_rule = high_sensitivity_mode_;
     if (near_miss_pending_ && FramesSince(frame_id, near_miss_frame_) > kNearMissDelayFrames) {
       near_miss_pending_ = false;
@@ -184,6 +189,7 @@ int UniversalDetectStream::ChooseDetectedHotword(int model_id, int32 frame_id) {
       best_k = k;
     }
   }
+  if (best_k >= 0) last_detection_score_ = best;
   return best_k;
 }
 

@@ -21,6 +21,8 @@
 #define KESTREL_DETECT_UNIVERSAL_DETECT_STREAM_H_
 
 #include <deque>
+#include <functional>
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -98,6 +100,21 @@ class UniversalDetectStream : public StreamItf {
 
   // Resets every network's held-back context and the detection state.
   bool Reset() override;
+
+  // The score that passed for the detection the last Read returned (its
+  // hotword's search score); 0 before any detection.
+  float LastDetectionScore() const { return last_detection_score_; }
+
+  // Sees every search step of every model, for plotting scores and tuning
+  // thresholds: `frame_id` is the step's first frame (as a detection reports
+  // it), `scores` one score per hotword of the model, `detected` the index of
+  // the hotword detected on this step or -1. While an observer is set, every
+  // hotword is searched on every step (none is settled by score bounds),
+  // which costs time but changes no decision. Called from Read, on its
+  // thread; an empty function removes the observer.
+  using StepObserver = std::function<void(int model_id, int32 frame_id,
+                                          const std::vector<float>& scores, int detected)>;
+  void SetStepObserver(StepObserver observer) { step_observer_ = std::move(observer); }
 
   // "UniversalDetectStream".
   std::string Name() const override;
@@ -223,6 +240,10 @@ class UniversalDetectStream : public StreamItf {
   // first detection passes the refractory test.
   int32 last_detection_frame_;
   int32 last_detection_frame_copy_;  // kept equal to last_detection_frame_
+  float last_detection_score_ = 0.0f;
+  StepObserver step_observer_;
+  // The current step's scores, one per hotword of the model, for the observer.
+  std::vector<float> step_scores_;
   // Decision state (see Read): the high-sensitivity mode, entered 50 frames
   // after a near miss, and left 3000 frames after its last candidate.
   bool high_sensitivity_mode_;

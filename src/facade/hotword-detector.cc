@@ -1,5 +1,7 @@
 #include "facade/hotword-detector.h"
 
+#include <utility>
+
 #include "frontend/audio-format.h"
 #include "utils/kestrel-log.h"
 
@@ -22,6 +24,7 @@ HotwordDetector::HotwordDetector(const HotwordDetectorOptions& options)
           << " takes " << input_dim << " features per frame; the front end gives "
           << FilterbankStream::kNumBins << ".";
     }
+    first_hotword_.push_back(num_hotwords_);
     num_hotwords_ += detector_.NumHotwords(m);
   }
   if (!hotword_names_.empty() && hotword_names_.size() != static_cast<size_t>(num_hotwords_)) {
@@ -60,15 +63,39 @@ int HotwordDetector::ReadBlock(std::vector<Detection>* detections) {
     Detection detection;
     detection.hotword = static_cast<int>(result_(0, 0));
     if (!hotword_names_.empty()) detection.name = hotword_names_[detection.hotword - 1];
-    // Unsigned, as the detector measures frame distances, so that the
-    // position stays right when the 32-bit frame clock wraps.
-    const uint32 frames =
-        static_cast<uint32>(result_info_[0].frame_id) - static_cast<uint32>(stream_start_frame_);
-    detection.sample = static_cast<int64>(frames) * FilterbankStream::kFrameShift;
+    detection.sample = FrameSample(result_info_[0].frame_id);
     detection.seconds = static_cast<double>(detection.sample) / kSampleRate;
+    detection.score = detector_.LastDetectionScore();
     detections->push_back(detection);
   }
   return signal;
+}
+
+int64 HotwordDetector::FrameSample(int32 frame_id) const {
+  // Unsigned, as the detector measures frame distances, so that the position
+  // stays right when the 32-bit frame clock wraps.
+  const uint32 frames = static_cast<uint32>(frame_id) - static_cast<uint32>(stream_start_frame_);
+  return static_cast<int64>(frames) * FilterbankStream::kFrameShift;
+}
+
+void HotwordDetector::SetScoreListener(std::function<void(const HotwordScore&)> listener) {
+  score_listener_ = std::move(listener);
+  if (!score_listener_) {
+    detector_.SetStepObserver(nullptr);
+    return;
+  }
+  detector_.SetStepObserver(
+      [this](int model_id, int32 frame_id, const std::vector<float>& scores, int detected) {
+        HotwordScore step;
+        step.sample = FrameSample(frame_id);
+        step.seconds = static_cast<double>(step.sample) / kSampleRate;
+        for (size_t k = 0; k < scores.size(); ++k) {
+          step.hotword = first_hotword_[model_id] + static_cast<int>(k) + 1;
+          step.score = scores[k];
+          step.detected = static_cast<int>(k) == detected;
+          score_listener_(step);
+        }
+      });
 }
 
 void HotwordDetector::SetSensitivity(const std::string& sensitivities) {

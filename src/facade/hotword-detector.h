@@ -29,6 +29,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,17 @@ struct Detection {
   // about where the hotword's last part was scored complete, so near its end.
   int64 sample = 0;
   double seconds = 0.0;  // sample / 16000
+  // The hotword's search score that passed its threshold (1 - sensitivity).
+  float score = 0.0f;
+};
+
+// One hotword's score on one search step (see SetScoreListener).
+struct HotwordScore {
+  int hotword = 0;  // numbered as in Detection
+  int64 sample = 0;  // the step's position, as a detection on it would report
+  double seconds = 0.0;
+  float score = 0.0f;
+  bool detected = false;  // this step reported this hotword
 };
 
 class HotwordDetector {
@@ -88,6 +100,13 @@ class HotwordDetector {
   void SetHighSensitivity(const std::string& sensitivities);
   std::string GetSensitivity() const;
 
+  // Called with every hotword's score on every search step, during Process
+  // and Flush, on their thread: for plotting scores and tuning thresholds.
+  // Searches that are normally skipped when they cannot reach a threshold
+  // then all run, which costs time but changes no detection. An empty
+  // function stops the calls.
+  void SetScoreListener(std::function<void(const HotwordScore&)> listener);
+
   HotwordDetector(const HotwordDetector&) = delete;
   HotwordDetector& operator=(const HotwordDetector&) = delete;
 
@@ -95,6 +114,8 @@ class HotwordDetector {
   // Runs one block through the chain, appending any detection; returns the
   // signal word.
   int ReadBlock(std::vector<Detection>* detections);
+  // The position in the stream of a frame of the detector stage.
+  int64 FrameSample(int32 frame_id) const;
 
   std::vector<std::string> hotword_names_;
   size_t block_samples_;
@@ -107,6 +128,9 @@ class HotwordDetector {
   int32 stream_start_frame_ = 0;
   Matrix result_;
   std::vector<FrameInfo> result_info_;
+  std::function<void(const HotwordScore&)> score_listener_;
+  // Hotword number of each model's first hotword, minus one.
+  std::vector<int> first_hotword_;
 };
 
 }  // namespace kestrel
