@@ -3,8 +3,9 @@
 # target with clang (libFuzzer, AddressSanitizer, UndefinedBehaviorSanitizer)
 # in build-fuzz, replays fuzz/regressions (inputs that once failed), seeds the
 # corpus with the text models of fuzz/seeds and their binary forms, and runs.
-# Exits non-zero on any finding; the input that caused it is left in
-# build-fuzz/findings.
+# Then fuzzes the server's event reader (seeds: fuzz/event-seeds) for a
+# quarter of that time, at least 10 s. Exits non-zero on any finding; the
+# input that caused it is left in build-fuzz/findings.
 #
 # Usage: fuzz/run-fuzz.sh [SECONDS]   (default 60)
 set -euo pipefail
@@ -34,4 +35,14 @@ cp fuzz/seeds/*.kmodel "$out/corpus/"
 
 "$out/model-reader-fuzzer" "$out/corpus" -dict=fuzz/model.dict \
   -max_total_time="$seconds" -max_len=4096 -timeout=10 -rss_limit_mb=2048 \
+  -artifact_prefix="$out/findings/" -print_final_stats=1
+
+event_seconds=$(( seconds / 4 > 10 ? seconds / 4 : 10 ))
+clang++ -std=c++17 -O1 -g $sanitize -fsanitize=fuzzer -Isrc -Iserver \
+  fuzz/event-reader-fuzzer.cc server/event-reader.cc server/wyoming-event.cc \
+  server/wake-service.cc server/wake-session.cc "$out/libkestrel.a" -o "$out/event-reader-fuzzer"
+mkdir -p "$out/event-corpus"
+cp fuzz/event-seeds/* "$out/event-corpus/"
+"$out/event-reader-fuzzer" "$out/event-corpus" -dict=fuzz/event.dict \
+  -max_total_time="$event_seconds" -max_len=4096 -timeout=10 -rss_limit_mb=2048 \
   -artifact_prefix="$out/findings/" -print_final_stats=1

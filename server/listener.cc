@@ -214,7 +214,12 @@ void Listener::Accept() {
   client->fd = fd;
   try {
     client->thread = std::thread([this, client, fd, peer] {
-      ServeConnection(fd, peer, *service_, log_);
+      try {
+        ServeConnection(fd, peer, *service_, log_);
+      } catch (const std::exception& e) {
+        // Memory running out, say: this client's loss, not everyone's.
+        log_->Info(peer + ": ended by an internal error: " + e.what());
+      }
       {
         std::lock_guard<std::mutex> lock(mutex_);
         close(fd);
