@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -198,6 +200,12 @@ void Listener::Accept() {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     return;  // otherwise the client gave up before we got to it
+  }
+  if (peer_address.ss_family != AF_UNIX) {
+    // Detections are small writes that should leave at once, not wait to be
+    // joined by more.
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
   }
   std::string peer = "#" + std::to_string(++num_accepted_) + " ";
   peer += peer_address.ss_family == AF_UNIX
