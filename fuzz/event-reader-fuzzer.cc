@@ -16,6 +16,7 @@
 
 #include "event-reader.h"
 #include "facade/hotword-detector.h"
+#include "model/hotword-model.h"
 #include "wake-service.h"
 #include "wake-session.h"
 
@@ -39,7 +40,8 @@ const kestrel::WakeService* Service() {
   static const kestrel::WakeService* service = [] {
     kestrel::HotwordDetectorOptions options;
     const char* model = std::getenv("KESTREL_FUZZ_MODEL");
-    options.detector.model_str = model != nullptr ? model : "models/hey-kestrel.kmodel";
+    options.models.push_back(
+        kestrel::HotwordModel::ReadFile(model != nullptr ? model : "models/hey-kestrel.kmodel"));
     return new kestrel::WakeService(options);
   }();
   return service;

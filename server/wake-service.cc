@@ -3,8 +3,7 @@
 #include <set>
 #include <stdexcept>
 
-#include "utils/kestrel-globals.h"
-#include "utils/kestrel-utils.h"
+#include "model/hotword-model.h"
 
 namespace kestrel {
 namespace {
@@ -31,17 +30,15 @@ std::string Phrase(std::string name) {
 }  // namespace
 
 WakeService::WakeService(const HotwordDetectorOptions& options) : options_(options) {
-  const int num_hotwords = NewDetector()->NumHotwords();  // also checks the names' count
+  NewDetector();  // checks the models, options and the names' count
   std::vector<std::string>& names = options_.hotword_names;
   if (names.empty()) {
-    std::vector<std::string> files;
-    SplitStringToVector(options_.detector.model_str, global_kestrel_string_delimiter, &files);
-    if (files.size() != static_cast<size_t>(num_hotwords)) {
-      throw std::runtime_error(std::to_string(num_hotwords) + " hotwords in " +
-                               std::to_string(files.size()) +
-                               " model files: name them with --hotword-names");
+    for (const HotwordModel& model : options_.models) {
+      const size_t count = model.hotwords.size();
+      for (size_t k = 1; k <= count; ++k) {
+        names.push_back(FileStem(model.name) + (count > 1 ? "-" + std::to_string(k) : ""));
+      }
     }
-    for (const std::string& file : files) names.push_back(FileStem(file));
   }
   std::set<std::string> seen;
   for (const std::string& name : names) {

@@ -3,8 +3,9 @@
 // them to Home Assistant, and a new detector for each connection.
 //
 // Every hotword needs a name, since the protocol knows hotwords only by name:
-// the names given, or else, when each model file holds one hotword, the file
-// names without directory and extension ("hey-kestrel").
+// the names given, or else its model's file name without directory and
+// extension ("hey-kestrel"), with its number in the model appended when the
+// model holds several ("two-words-1", "two-words-2").
 //
 // Built once before serving; afterwards only const members are used, from
 // any number of connection threads at once.
@@ -22,13 +23,12 @@ namespace kestrel {
 
 class WakeService {
  public:
-  // Loads the models once to check them and count their hotwords. Throws
-  // KestrelError for unreadable models or bad options, std::runtime_error
-  // for missing or repeated names.
+  // Keeps the options (the models loaded) and makes one detector to check
+  // them. Throws KestrelError for unusable models or bad options,
+  // std::runtime_error for empty or repeated names.
   explicit WakeService(const HotwordDetectorOptions& options);
 
-  // A detector of its own for one connection; may throw KestrelError (say,
-  // when the model files changed on disk since).
+  // A detector of its own for one connection, on copies of the models.
   std::unique_ptr<HotwordDetector> NewDetector() const;
 
   const std::vector<std::string>& HotwordNames() const { return options_.hotword_names; }

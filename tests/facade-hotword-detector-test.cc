@@ -30,7 +30,7 @@ class HotwordDetectorTest : public testing::Test {
  protected:
   void SetUp() override {
     WriteToneModel(model_);
-    options_.detector.model_str = model_;
+    options_.models = {HotwordModel::ReadFile(model_)};
     options_.hotword_names = {"whistle"};
   }
   size_t Count(const std::vector<int16_t>& audio) {
@@ -130,28 +130,76 @@ TEST_F(HotwordDetectorTest, FlushFindsAWhistleAtTheEndAndStartsANewStream) {
   EXPECT_EQ(at_end[0].sample, again[0].sample);
 }
 
-TEST_F(HotwordDetectorTest, SensitivityPassesThroughToTheDetector) {
-  const std::vector<int16_t> audio = WhistleAudio(3.0, {1.0});
-  HotwordDetector detector(options_);
-  detector.SetSensitivity("0");  // a score would have to reach 1
-  EXPECT_EQ("0", detector.GetSensitivity());
-  EXPECT_TRUE(RunStream(&detector, audio).empty());
-  detector.SetSensitivity("0.5");
-  EXPECT_EQ(1u, RunStream(&detector, audio).size());
+TEST_F(HotwordDetectorTest, AModelReadFromMemoryDetectsAsTheFileDoes) {
+  const std::vector<int16_t> audio = WhistleAudio(6.0, {1.0, 4.5});
+  HotwordDetector from_file(options_);
+  const std::vector<Detection> expected = RunStream(&from_file, audio);
+  ASSERT_EQ(2u, expected.size());
+  const std::string bytes = ReadFileBytes(model_);
+  options_.models = {HotwordModel::ReadMemory(bytes.data(), bytes.size(), "tone")};
+  HotwordDetector from_memory(options_);
+  const std::vector<Detection> found = RunStream(&from_memory, audio);
+  ASSERT_EQ(2u, found.size());
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(expected[i].sample, found[i].sample);
 }
 
-TEST_F(HotwordDetectorTest, RefusesNamesOrNetworksThatDoNotFit) {
+TEST_F(HotwordDetectorTest, SensitivitiesAreSetAndReadPerHotwordNumber) {
+  const std::vector<int16_t> audio = WhistleAudio(3.0, {1.0});
+  // Two models of one whistle each: hotwords 1 and 2, named in that order.
+  options_.models.push_back(options_.models[0]);
+  options_.hotword_names = {"first", "second"};
+  options_.sensitivities = {0.0f};  // a score would have to reach 1
+  HotwordDetector detector(options_);
+  EXPECT_EQ(2, detector.NumHotwords());
+  EXPECT_EQ("second", detector.HotwordName(2));
+  EXPECT_EQ((std::vector<float>{0, 0}), detector.HighSensitivities());
+  EXPECT_TRUE(RunStream(&detector, audio).empty());
+
+  detector.SetSensitivity(2, 0.5f);
+  EXPECT_EQ((std::vector<float>{0, 0.5f}), detector.Sensitivities());
+  std::vector<Detection> found = RunStream(&detector, audio);
+  ASSERT_EQ(1u, found.size());
+  EXPECT_EQ(2, found[0].hotword);
+  EXPECT_EQ("second", found[0].name);
+
+  detector.SetSensitivities({0.5f, 0.0f});
+  EXPECT_EQ(0.5f, detector.Sensitivity(1));
+  found = RunStream(&detector, audio);
+  ASSERT_EQ(1u, found.size());
+  EXPECT_EQ(1, found[0].hotword);
+
+  EXPECT_EQ("HotwordDetector: no hotword 3; hotwords are numbered 1 to 2.",
+            KESTREL_ERROR_TEXT(detector.SetSensitivity(3, 0.5f)));
+  EXPECT_EQ("HotwordDetector: no hotword 0; hotwords are numbered 1 to 2.",
+            KESTREL_ERROR_TEXT(detector.HotwordName(0)));
+  EXPECT_NE("", KESTREL_ERROR_TEXT(detector.SetSensitivities({0.1f, 0.2f, 0.3f})));
+  EXPECT_EQ((std::vector<float>{0.5f, 0}), detector.Sensitivities());
+}
+
+TEST_F(HotwordDetectorTest, RefusesOptionsThatDoNotFitTheModels) {
   options_.hotword_names = {"a", "b"};
-  EXPECT_EQ("HotwordDetector: 2 hotword names given for 1 hotwords in " + model_ + ".",
+  EXPECT_EQ("HotwordDetector: 2 hotword names given for 1 hotwords.",
             KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
   options_.hotword_names.clear();
-  const std::string small = TempPath("small.kmodel");
-  std::ofstream(small) << "<UniversalModel> <KwInfo> <SmoothWindow> 1 <SlideWindow> 10 "
-                          "<NumKws> 1 <Kw> [ 1 ] <Sensitivity> 0.5 </KwInfo> "
-                          "<Nnet> <Softmax> 3 3 </Nnet>";
-  options_.detector.model_str = model_ + "," + small;
-  EXPECT_EQ("HotwordDetector: model 2 of " + options_.detector.model_str +
-                " takes 3 features per frame; the front end gives 40.",
+  options_.slide_windows = {50, 60};
+  EXPECT_EQ("HotwordDetector: 2 slide window lengths given for 1 models; give one per model, "
+            "or none.",
+            KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
+  options_.slide_windows.clear();
+  const std::string small = "<UniversalModel> <KwInfo> <SmoothWindow> 1 <SlideWindow> 10 "
+                            "<NumKws> 1 <Kw> [ 1 ] <Sensitivity> 0.5 </KwInfo> "
+                            "<Nnet> <Softmax> 3 3 </Nnet>";
+  options_.models.push_back(HotwordModel::ReadMemory(small.data(), small.size(), "small"));
+  EXPECT_EQ("HotwordDetector: model 2 (\"small\") takes 3 features per frame; the front end "
+            "gives 40.",
+            KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
+  // A model edited in code is checked as a file would be.
+  options_.models[1].hotwords[0].keyword = {7};
+  EXPECT_EQ("UniversalDetectStream: model file \"small\", hotword 1: <Kw> unit 7 is not an "
+            "output of the network, expected 0 to 2.",
+            KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
+  options_.models.clear();
+  EXPECT_EQ("HotwordDetector: no models given; add at least one to options.models.",
             KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
 }
 

@@ -12,12 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "facade/hotword-detector.h"
 #include "utils/kestrel-types.h"
 
 namespace kestrel {
-
-struct UniversalDetectStreamOptions;
-struct HotwordDetectorOptions;
 
 // Exit codes of every command.
 constexpr int kExitOk = 0;
@@ -61,15 +59,28 @@ class ArgParser {
   bool help_requested_ = false;
 };
 
-// The options of the commands that run a HotwordDetector on audio (detect,
-// serve): every detector stage option by its field name, and
-// --hotword-names, whose text lands in *names until FinishDetectorOptions.
-void AddDetectorOptions(ArgParser* parser, HotwordDetectorOptions* options, std::string* names);
-// After parsing: checks what the parser alone cannot (a model is given, the
-// slide step is positive) and splits *names into options->hotword_names.
-// False with a one-line *error naming the option when the check fails.
-bool FinishDetectorOptions(const std::string& names, HotwordDetectorOptions* options,
-                           std::string* error);
+// The detector options of the commands that run HotwordDetector (detect, and
+// any other that listens for hotwords): AddDetectorOptions registers them,
+// MakeDetectorOptions turns them into the facade's typed options.
+struct DetectorArgs {
+  // Comma-separated lists as typed (--model-str, --sensitivity-str, ...).
+  std::string model_str;
+  std::string sensitivity_str;
+  std::string high_sensitivity_str;
+  std::string smooth_window_str;
+  std::string slide_window_str;
+  std::string hotword_names;
+  // The parser writes the scalar settings straight into these options;
+  // MakeDetectorOptions adds the lists and the models.
+  HotwordDetectorOptions options;
+};
+void AddDetectorOptions(ArgParser* parser, DetectorArgs* args);
+// Checks and parses the lists: false with a one-line *error for a bad command
+// line (no models, a step below 1, a value that is not a number). Then loads
+// the models, and errors that concern them (an unreadable or malformed file)
+// are KestrelError exceptions, whose text the caller reports.
+bool MakeDetectorOptions(const DetectorArgs& args, HotwordDetectorOptions* options,
+                         std::string* error);
 
 // The detector options that the corpus commands (train, evaluate) let the
 // user set when they run the detector over stored network outputs.

@@ -1,12 +1,11 @@
 // kestrel convert: a model file rewritten in binary or text form.
 #include <iostream>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "args.h"
 #include "commands.h"
-#include "detect/universal-detect-stream.h"
+#include "model/hotword-model.h"
 #include "utils/kestrel-log.h"
 
 namespace kestrel {
@@ -30,10 +29,8 @@ int RunConvert(int argc, char** argv) {
   if (files.size() != 2) return UsageError("convert", "give one input and one output file");
   if (binary == text) return UsageError("convert", "give exactly one of --binary and --text");
 
-  UniversalDetectStreamOptions options;
-  options.model_str = files[0];
   try {
-    UniversalDetectStream(options).WriteHotwordModel(binary, files[1]);
+    HotwordModel::ReadFile(files[0]).WriteFile(files[1], binary);
   } catch (const KestrelError& e) {
     return Failure(files[0] + " -> " + files[1] + ": " + e.what());
   }

@@ -13,7 +13,9 @@
 #include "facade/hotword-detector.h"
 #include "frontend/audio-format.h"
 #include "frontend/wave-reader.h"
+#include "utils/kestrel-globals.h"
 #include "utils/kestrel-log.h"
+#include "utils/kestrel-utils.h"
 
 namespace kestrel {
 namespace {
@@ -89,9 +91,8 @@ class DetectCommand {
  public:
   // With `scores`, every search step's scores are printed as JSON lines
   // instead of the detections, which those lines mark.
-  DetectCommand(HotwordDetector* detector, bool json, bool scores,
-                const std::vector<std::string>& names)
-      : detector_(detector), json_(json || scores), scores_(scores), names_(names) {}
+  DetectCommand(HotwordDetector* detector, bool json, bool scores)
+      : detector_(detector), json_(json || scores), scores_(scores) {}
 
   // Each returns false after reporting a failure.
   bool RunWave(const std::string& file);
@@ -106,7 +107,6 @@ class DetectCommand {
   HotwordDetector* detector_;
   bool json_;
   bool scores_;
-  std::vector<std::string> names_;
   std::vector<int16_t> chunk_ = std::vector<int16_t>(kChunkSamples);
 };
 
@@ -117,7 +117,8 @@ void DetectCommand::ListenForScores(const std::string& file) {
     std::snprintf(time, sizeof(time), "%.2f", s.seconds);
     std::cout << "{\"file\": " << JsonString(file) << ", \"time\": " << time
               << ", \"sample\": " << s.sample << ", \"hotword\": " << s.hotword;
-    if (!names_.empty()) std::cout << ", \"name\": " << JsonString(names_[s.hotword - 1]);
+    const std::string& name = detector_->HotwordName(s.hotword);
+    if (!name.empty()) std::cout << ", \"name\": " << JsonString(name);
     std::cout << ", \"score\": " << JsonScore(s.score)
               << ", \"detected\": " << (s.detected ? "true" : "false") << "}\n";
   });
@@ -209,8 +210,7 @@ bool DetectCommand::RunStandardInput() {
 }  // namespace
 
 int RunDetect(int argc, char** argv) {
-  HotwordDetectorOptions options;
-  std::string names;
+  DetectorArgs args;
   bool json = false;
   bool scores = false;
   ArgParser parser(
@@ -223,7 +223,7 @@ int RunDetect(int argc, char** argv) {
       "standard error is a terminal.\n\n"
       "Exit status: 0 when every input was processed, 1 when an input or a model\n"
       "could not be (the rest are still processed), 2 for a bad command line.");
-  AddDetectorOptions(&parser, &options, &names);
+  AddDetectorOptions(&parser, &args);
   parser.AddFlag("json", &json,
                  "print JSON lines: file, time, sample, hotword,\nname, score");
   parser.AddFlag("scores", &scores,
@@ -241,16 +241,18 @@ int RunDetect(int argc, char** argv) {
     std::cout << parser.Help();
     return kExitOk;
   }
-  if (!FinishDetectorOptions(names, &options, &error)) return UsageError("detect", error);
-  if (inputs.empty()) return UsageError("detect", "no input: give WAV files, or - for standard input");
-
   std::unique_ptr<HotwordDetector> detector;
   try {
+    HotwordDetectorOptions options;
+    if (!MakeDetectorOptions(args, &options, &error)) return UsageError("detect", error);
+    if (inputs.empty()) {
+      return UsageError("detect", "no input: give WAV files, or - for standard input");
+    }
     detector = std::make_unique<HotwordDetector>(options);
   } catch (const KestrelError& e) {
-    return Failure("cannot load " + options.detector.model_str + ": " + e.what());
+    return Failure("cannot load " + args.model_str + ": " + e.what());
   }
-  DetectCommand command(detector.get(), json, scores, options.hotword_names);
+  DetectCommand command(detector.get(), json, scores);
   bool ok = true;
   for (const std::string& input : inputs) {
     ok &= input == "-" ? command.RunStandardInput() : command.RunWave(input);

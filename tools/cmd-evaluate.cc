@@ -14,7 +14,6 @@
 #include "commands.h"
 #include "corpus-split.h"
 #include "det-evaluation.h"
-#include "hotword-model-file.h"
 #include "posterior-scan.h"
 #include "search-tuning.h"
 #include "utils/kestrel-log.h"
@@ -58,9 +57,15 @@ struct EvaluateConfig {
 int Evaluate(const EvaluateConfig& config, const std::string& model_path,
              const UniversalDetectStreamOptions& detector) {
   auto start = std::chrono::steady_clock::now();
-  HotwordModelSettings model;
-  Nnet nnet;
-  ReadHotwordModelFile(model_path, &model, &nnet);
+  HotwordModel model;
+  try {
+    model = HotwordModel::ReadFile(model_path);
+  } catch (const KestrelError& e) {
+    return Failure(model_path + ": " + e.what());
+  }
+  // The network runs once per clip; the sweeps below copy the settings only.
+  const Nnet nnet = std::move(model.nnet);
+  model.nnet = Nnet();
   if (model.hotwords.size() != 1) {
     return Failure(model_path + ": evaluation needs a model with exactly one hotword, found " +
                    std::to_string(model.hotwords.size()));
@@ -71,7 +76,6 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
   tuning.tolerance_seconds = ConvertStringToIntegerOrFloat<double>(config.tolerance);
   tuning.max_false_alarms_per_hour = ConvertStringToIntegerOrFloat<double>(config.max_fa);
   const std::string cache = config.cache_dir.empty() ? config.corpus : config.cache_dir;
-  tuning.scratch_dir = cache;
   SplitStringToIntegers<int32>(config.methods, ",", &tuning.methods);
 
   CorpusSplit test = LoadCorpusSplit(config.corpus, config.split, cache, config.threads, Progress);
@@ -82,11 +86,11 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
   // The model as it is, over a sweep around its own sensitivity.
   std::vector<NamedCurve> curves;
   const float shipped = model.hotwords[0].sensitivity;
-  curves.push_back({"model: " + SearchMethodName(model.hotwords[0].search_method),
+  curves.push_back({"model: " + SearchMethodLabel(model.hotwords[0].search_method),
                     SweepSensitivities(test.clips, test_posteriors, model,
                                        SensitivityGrid(shipped, 0.2f, 0.01f), tuning)});
   const std::vector<std::vector<int>> shipped_detections =
-      ScanDetections(test_posteriors, model, tuning.detector, cache, config.threads);
+      ScanDetections(test_posteriors, model, tuning.detector, config.threads);
   const OperatingPoint at_shipped =
       CountOperatingPoint(test.clips, shipped_detections, tuning.tolerance_seconds);
 
@@ -100,7 +104,7 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
                               tuning, Progress);
     for (const TunedSearch& t : tuned) {
       const float s = t.settings.hotwords[0].sensitivity;
-      curves.push_back({SearchMethodName(t.settings.hotwords[0].search_method),
+      curves.push_back({SearchMethodLabel(t.settings.hotwords[0].search_method),
                         SweepSensitivities(test.clips, test_posteriors, t.settings,
                                            SensitivityGrid(s, 0.2f, 0.01f), tuning)});
       Progress("swept " + curves.back().name);
@@ -124,7 +128,7 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
   if (!tuned.empty()) {
     out << "| search | smooth | span | floor | tuned sensitivity |\n|---|---|---|---|---|\n";
     for (const TunedSearch& t : tuned) {
-      out << "| " << SearchMethodName(t.settings.hotwords[0].search_method) << " | "
+      out << "| " << SearchMethodLabel(t.settings.hotwords[0].search_method) << " | "
           << t.settings.smooth_window << " | " << t.settings.slide_window << " | "
           << t.settings.hotwords[0].search_floor[0] << " | " << t.point.sensitivity << " |\n";
     }

@@ -26,8 +26,7 @@ void StopOnSignal(int) { g_listener->Stop(); }
 }  // namespace
 
 int RunServe(int argc, char** argv) {
-  HotwordDetectorOptions options;
-  std::string names;
+  DetectorArgs args;
   std::string uri = "tcp://0.0.0.0:10400";
   int32 max_clients = 64;
   bool debug = false;
@@ -36,11 +35,12 @@ int RunServe(int argc, char** argv) {
       "Serves hotword detection over the Wyoming protocol, for Home Assistant's\n"
       "voice pipelines (add it there with the Wyoming integration, giving this\n"
       "machine's host name and the port). Clients send 16 kHz 16-bit mono audio\n"
-      "and are told each hotword by name. Without --hotword-names each model file\n"
-      "must hold one hotword, named after the file (hey-kestrel.kmodel:\n"
-      "hey-kestrel). One log line per connection on standard error; SIGTERM or\n"
-      "SIGINT lets the clients' events in hand finish, then exits 0.");
-  AddDetectorOptions(&parser, &options, &names);
+      "and are told each hotword by name: --hotword-names, or else the model's\n"
+      "file name (hey-kestrel.kmodel: hey-kestrel; with -1, -2, ... appended for\n"
+      "a model of several hotwords). One log line per connection on standard\n"
+      "error; SIGTERM or SIGINT lets the clients' events in hand finish, then\n"
+      "exits 0.");
+  AddDetectorOptions(&parser, &args);
   parser.AddString("uri", &uri, "where to listen: tcp://HOST:PORT or unix:///PATH");
   parser.AddInt("max-clients", &max_clients,
                 "connections served at once; more are closed\nat once");
@@ -53,15 +53,16 @@ int RunServe(int argc, char** argv) {
     std::cout << parser.Help();
     return kExitOk;
   }
-  if (!FinishDetectorOptions(names, &options, &error)) return UsageError("serve", error);
   if (!positional.empty()) return UsageError("serve", "unexpected argument \"" + positional[0] + "\"");
   if (max_clients < 1) return UsageError("serve", "--max-clients must be at least 1");
 
   std::unique_ptr<WakeService> service;
   try {
+    HotwordDetectorOptions options;
+    if (!MakeDetectorOptions(args, &options, &error)) return UsageError("serve", error);
     service = std::make_unique<WakeService>(options);
   } catch (const KestrelError& e) {
-    return Failure("cannot load " + options.detector.model_str + ": " + e.what());
+    return Failure("cannot load " + args.model_str + ": " + e.what());
   } catch (const std::runtime_error& e) {
     return UsageError("serve", e.what());
   }

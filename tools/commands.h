@@ -14,7 +14,6 @@ int RunConvert(int argc, char** argv);
 int RunFeatures(int argc, char** argv);
 // Built when the server library is (server/ needs nlohmann-json3-dev).
 int RunServe(int argc, char** argv);
-// Built when the training tools are (train/ adds their sources).
 int RunTrain(int argc, char** argv);
 int RunEvaluate(int argc, char** argv);
 

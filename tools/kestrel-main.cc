@@ -25,10 +25,8 @@ const Command kCommands[] = {
 #ifdef KESTREL_WITH_SERVER
     {"serve", RunServe, "serve hotword detection to Home Assistant (Wyoming protocol)"},
 #endif
-#ifdef KESTREL_WITH_TRAINING
     {"train", RunTrain, "train a hotword model from a corpus"},
     {"evaluate", RunEvaluate, "measure a model's detections and false alarms on a corpus"},
-#endif
 };
 
 std::string MainHelp() {

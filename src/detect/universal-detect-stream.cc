@@ -40,17 +40,31 @@ UniversalDetectStream::UniversalDetectStream(const UniversalDetectStreamOptions&
     KestrelLogMsg(kNoModelLine, kLogFile, __PRETTY_FUNCTION__, kKestrelError, 0).stream()
         << Name() << ": please specify models through --model-str.";
   }
+  CheckSlideStep(__PRETTY_FUNCTION__);
+  ReadHotwordModel(options_.model_str);
+  ApplyOptionStrings();
+}
+
+UniversalDetectStream::UniversalDetectStream(const UniversalDetectStreamOptions& options,
+                                             std::vector<HotwordModel> models)
+    : options_(options) {
+  CheckSlideStep(__PRETTY_FUNCTION__);
+  LoadModels(std::move(models));
+  ApplyOptionStrings();
+}
+
+void UniversalDetectStream::CheckSlideStep(const char* function) const {
   if (options_.slide_step < 1) {
-    KestrelLogMsg(kBadSlideStepLine, kLogFile, __PRETTY_FUNCTION__, kKestrelError, 0).stream()
+    KestrelLogMsg(kBadSlideStepLine, kLogFile, function, kKestrelError, 0).stream()
         << Name() << ": slide step size should be positive.";
   }
+}
+
+void UniversalDetectStream::ApplyOptionStrings() {
   // Negated through unsigned so that every option value is defined.
   last_detection_frame_ =
       static_cast<int32>(0u - static_cast<uint32>(options_.refractory_frames));
   last_detection_frame_copy_ = last_detection_frame_;
-
-  ReadHotwordModel(options_.model_str);
-
   if (!options_.smooth_window_str.empty()) SetSmoothWindowSize(options_.smooth_window_str);
   if (!options_.slide_window_str.empty()) SetSlideWindowSize(options_.slide_window_str);
   if (!options_.sensitivity_str.empty()) SetSensitivity(options_.sensitivity_str);

@@ -31,25 +31,12 @@ void AddShift::Propagate(const MatrixBase& in, MatrixBase* out) const {
   }
 }
 
-void AddShift::Backpropagate(const MatrixBase& /*in*/, const MatrixBase& /*out*/,
-                             const MatrixBase& out_diff, MatrixBase* in_diff) const {
-  in_diff->CopyFromMat(out_diff);
-}
-
 void AddShift::GetParams(float* params) const {
   std::copy(shift_.Data(), shift_.Data() + shift_.Dim(), params);
 }
 
 void AddShift::SetParams(const float* params) {
   std::copy(params, params + shift_.Dim(), shift_.Data());
-}
-
-void AddShift::AccumulateGradient(const MatrixBase& /*in*/, const MatrixBase& out_diff,
-                                  float* gradient) const {
-  for (int r = 0; r < out_diff.NumRows(); ++r) {
-    const float* dy = out_diff.RowData(r);
-    for (int c = 0; c < out_diff.NumCols(); ++c) gradient[c] += dy[c];
-  }
 }
 
 }  // namespace kestrel

@@ -23,15 +23,11 @@ class AddShift : public Component {
   const Vector& Shift() const { return shift_; }
 
   void Propagate(const MatrixBase& in, MatrixBase* out) const override;
-  void Backpropagate(const MatrixBase& in, const MatrixBase& out, const MatrixBase& out_diff,
-                     MatrixBase* in_diff) const override;
 
   // Parameters: the shift.
   int NumParams() const override { return shift_.Dim(); }
   void GetParams(float* params) const override;
   void SetParams(const float* params) override;
-  void AccumulateGradient(const MatrixBase& in, const MatrixBase& out_diff,
-                          float* gradient) const override;
 
  protected:
   void ReadData(bool binary, std::istream* is) override;

@@ -31,16 +31,11 @@ class AffineTransform : public Component {
   const Vector& Bias() const { return bias_; }
 
   void Propagate(const MatrixBase& in, MatrixBase* out) const override;
-  // in_diff = out_diff * W.
-  void Backpropagate(const MatrixBase& in, const MatrixBase& out, const MatrixBase& out_diff,
-                     MatrixBase* in_diff) const override;
 
   // Parameters: W row by row, then b.
   int NumParams() const override;
   void GetParams(float* params) const override;
   void SetParams(const float* params) override;
-  void AccumulateGradient(const MatrixBase& in, const MatrixBase& out_diff,
-                          float* gradient) const override;
 
  protected:
   void ReadData(bool binary, std::istream* is) override;

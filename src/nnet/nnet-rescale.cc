@@ -31,33 +31,12 @@ void Rescale::Propagate(const MatrixBase& in, MatrixBase* out) const {
   }
 }
 
-void Rescale::Backpropagate(const MatrixBase& /*in*/, const MatrixBase& /*out*/,
-                            const MatrixBase& out_diff, MatrixBase* in_diff) const {
-  const int cols = out_diff.NumCols();
-  const float* scale = scale_.Data();
-  for (int r = 0; r < out_diff.NumRows(); ++r) {
-    const float* dy = out_diff.RowData(r);
-    float* dx = in_diff->RowData(r);
-    for (int c = 0; c < cols; ++c) dx[c] = dy[c] * scale[c];
-  }
-}
-
 void Rescale::GetParams(float* params) const {
   std::copy(scale_.Data(), scale_.Data() + scale_.Dim(), params);
 }
 
 void Rescale::SetParams(const float* params) {
   std::copy(params, params + scale_.Dim(), scale_.Data());
-}
-
-// d objective / d scale[c] = sum over rows of dy[c] * x[c].
-void Rescale::AccumulateGradient(const MatrixBase& in, const MatrixBase& out_diff,
-                                 float* gradient) const {
-  for (int r = 0; r < out_diff.NumRows(); ++r) {
-    const float* x = in.RowData(r);
-    const float* dy = out_diff.RowData(r);
-    for (int c = 0; c < out_diff.NumCols(); ++c) gradient[c] += dy[c] * x[c];
-  }
 }
 
 }  // namespace kestrel

@@ -22,15 +22,11 @@ class Rescale : public Component {
   const Vector& Scale() const { return scale_; }
 
   void Propagate(const MatrixBase& in, MatrixBase* out) const override;
-  void Backpropagate(const MatrixBase& in, const MatrixBase& out, const MatrixBase& out_diff,
-                     MatrixBase* in_diff) const override;
 
   // Parameters: the scale.
   int NumParams() const override { return scale_.Dim(); }
   void GetParams(float* params) const override;
   void SetParams(const float* params) override;
-  void AccumulateGradient(const MatrixBase& in, const MatrixBase& out_diff,
-                          float* gradient) const override;
 
  protected:
   void ReadData(bool binary, std::istream* is) override;

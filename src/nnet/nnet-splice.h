@@ -39,9 +39,6 @@ class Splice : public Component {
                    MatrixBase* out, int out_row) const;
 
   void Propagate(const MatrixBase& in, MatrixBase* out) const override;
-  // Each input row receives the sum of the output-diff blocks that copied it.
-  void Backpropagate(const MatrixBase& in, const MatrixBase& out, const MatrixBase& out_diff,
-                     MatrixBase* in_diff) const override;
 
  protected:
   void ReadData(bool binary, std::istream* is) override;

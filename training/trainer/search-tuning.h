@@ -20,7 +20,7 @@
 #include "det-evaluation.h"
 #include "detect/universal-detect-stream.h"
 #include "feature-set.h"
-#include "hotword-model-file.h"
+#include "model/hotword-model.h"
 
 namespace kestrel {
 
@@ -37,18 +37,17 @@ struct SearchTuningOptions {
   // state frames, refractory span); the model file cannot carry these.
   UniversalDetectStreamOptions detector;
   int num_threads = 2;
-  std::string scratch_dir = ".";
 };
 
 struct TunedSearch {
-  HotwordModelSettings settings;  // one hotword, sensitivity included
+  HotwordModel settings;  // one hotword, sensitivity included; no network
   OperatingPoint point;           // on the tuning data
 };
 
-// Settings for keyword [1..U] (U = unit_seconds.size()) with the given
-// search method, windows and floor; the mask spreads the units over the span
-// in proportion to their mean durations.
-HotwordModelSettings MakeHotwordSettings(const std::vector<double>& unit_seconds, int32 method,
+// Settings (no network) for keyword [1..U] (U = unit_seconds.size()) with
+// the given search method, windows and floor; the mask spreads the units over
+// the span in proportion to their mean durations.
+HotwordModel MakeHotwordSettings(const std::vector<double>& unit_seconds, int32 method,
                                          int32 smooth_window, int32 span, float floor,
                                          float sensitivity);
 
@@ -58,7 +57,7 @@ double MeanHotwordFrames(const std::vector<CorpusClip>& clips);
 // Operating points of `settings` at each of `sensitivities`.
 std::vector<OperatingPoint> SweepSensitivities(const std::vector<CorpusClip>& clips,
                                                const FeatureSet& posteriors,
-                                               HotwordModelSettings settings,
+                                               HotwordModel settings,
                                                const std::vector<float>& sensitivities,
                                                const SearchTuningOptions& options);
 
@@ -73,7 +72,7 @@ std::vector<TunedSearch> TuneSearchMethods(const std::vector<CorpusClip>& clips,
 size_t BestTunedSearch(const std::vector<TunedSearch>& tuned);
 
 // "Viterbi (3)" and so on.
-std::string SearchMethodName(int32 method);
+std::string SearchMethodLabel(int32 method);
 
 }  // namespace kestrel
 

@@ -1,4 +1,4 @@
-#include "nnet/nnet-adam.h"
+#include "nnet-adam.h"
 
 #include <cmath>
 

@@ -1,12 +1,9 @@
 #include "posterior-scan.h"
 
-#include <atomic>
 #include <exception>
-#include <filesystem>
 #include <mutex>
 #include <sstream>
 #include <thread>
-#include <unistd.h>
 
 #include "stream/stream-itf.h"
 #include "utils/kestrel-log.h"
@@ -128,51 +125,43 @@ FeatureSet ComputePosteriors(const Nnet& nnet, const FeatureSet& features, int n
 }
 
 std::vector<std::vector<int>> ScanDetections(const FeatureSet& posteriors,
-                                             const HotwordModelSettings& settings,
+                                             const HotwordModel& settings,
                                              UniversalDetectStreamOptions options,
-                                             const std::string& scratch_dir, int num_threads) {
-  static std::atomic<int> counter{0};
-  std::string path = (std::filesystem::path(scratch_dir) /
-                      ("scan-" + std::to_string(getpid()) + "-" + std::to_string(counter++) +
-                       ".kmodel")).string();
-  WriteHotwordModelFile(path, settings, IdentityNnet(posteriors.Dim()), true);
-  options.model_str = path;
+                                             int num_threads) {
+  HotwordModel model = settings;
+  model.nnet = IdentityNnet(posteriors.Dim());
+  model.name = "search settings";
+  options.model_str.clear();
   options.sensitivity_str.clear();
   options.high_sensitivity_str.clear();
   options.smooth_window_str.clear();
   options.slide_window_str.clear();
 
   std::vector<std::vector<int>> detections(posteriors.NumClips());
-  try {
-    ParallelRanges(posteriors.NumClips(), num_threads, [&](int first, int end) {
-      PlaybackStream playback;
-      Matrix out;
-      std::vector<FrameInfo> info;
-      for (int batch = first; batch < end; batch += kClipsPerDetector) {
-        UniversalDetectStream detector(options);
-        detector.Connect(&playback);
-        for (int c = batch; c < std::min(end, batch + kClipsPerDetector); ++c) {
-          if (posteriors.NumFrames(c) >= kClipFrameGap) {
-            KESTREL_ERR("posterior-scan") << "clip " << c << " has " << posteriors.NumFrames(c)
-                                          << " frames; at most " << kClipFrameGap - 1
-                                          << " can be scanned";
-          }
-          const int32 base = (c - batch) * kClipFrameGap;
-          playback.Start(&posteriors, c, base);
-          detector.Reset();
-          for (;;) {
-            int signal = detector.Read(&out, &info);
-            if (out.NumRows() > 0 && !info.empty()) detections[c].push_back(info[0].frame_id - base);
-            if (signal & kSignalStopMask) break;
-          }
+  ParallelRanges(posteriors.NumClips(), num_threads, [&](int first, int end) {
+    PlaybackStream playback;
+    Matrix out;
+    std::vector<FrameInfo> info;
+    for (int batch = first; batch < end; batch += kClipsPerDetector) {
+      UniversalDetectStream detector(options, {model});
+      detector.Connect(&playback);
+      for (int c = batch; c < std::min(end, batch + kClipsPerDetector); ++c) {
+        if (posteriors.NumFrames(c) >= kClipFrameGap) {
+          KESTREL_ERR("posterior-scan") << "clip " << c << " has " << posteriors.NumFrames(c)
+                                        << " frames; at most " << kClipFrameGap - 1
+                                        << " can be scanned";
+        }
+        const int32 base = (c - batch) * kClipFrameGap;
+        playback.Start(&posteriors, c, base);
+        detector.Reset();
+        for (;;) {
+          int signal = detector.Read(&out, &info);
+          if (out.NumRows() > 0 && !info.empty()) detections[c].push_back(info[0].frame_id - base);
+          if (signal & kSignalStopMask) break;
         }
       }
-    });
-  } catch (...) {
-    std::filesystem::remove(path);
-    throw;
-  }
-  std::filesystem::remove(path);
+    }
+  });
   return detections;
 }
 

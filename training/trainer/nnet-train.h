@@ -23,7 +23,7 @@
 
 #include <vector>
 
-#include "nnet/nnet-adam.h"
+#include "nnet-adam.h"
 #include "nnet/nnet.h"
 #include "utils/kestrel-matrix.h"
 #include "utils/kestrel-types.h"

@@ -12,7 +12,7 @@
 #include "nnet/nnet-add-shift.h"
 #include "nnet/nnet-affine-transform.h"
 #include "nnet/nnet-rescale.h"
-#include "nnet/nnet-train.h"
+#include "nnet-train.h"
 
 namespace kestrel {
 namespace {

@@ -8,24 +8,40 @@
 
 namespace kestrel {
 
-std::string SearchMethodName(int32 method) {
-  static const char* const kNames[] = {"naive",       "DTW",        "Viterbi",
-                                       "piecewise",   "Viterbi x2", "soft-floor Viterbi",
-                                       "traceback",   "log traceback"};
-  std::string name = (method >= 1 && method <= 8) ? kNames[method - 1] : "unknown";
-  return name + " (" + std::to_string(method) + ")";
+std::string SearchMethodLabel(int32 method) {
+  return std::string(SearchMethodName(method)) + " (" + std::to_string(method) + ")";
 }
 
-HotwordModelSettings MakeHotwordSettings(const std::vector<double>& unit_seconds, int32 method,
-                                         int32 smooth_window, int32 span, float floor,
-                                         float sensitivity) {
-  HotwordSettings hw;
+namespace {
+
+// A search mask of `unit_seconds.size() + 1` offsets that places each unit's
+// nominal interval by its share of the total duration, the last offset
+// being `span`.
+std::vector<int32> MaskFromDurations(const std::vector<double>& unit_seconds, int32 span) {
+  double total = 0.0;
+  for (double s : unit_seconds) total += s;
+  std::vector<int32> mask{0};
+  double sum = 0.0;
+  for (double s : unit_seconds) {
+    sum += s;
+    mask.push_back(static_cast<int32>(std::lround(total > 0 ? sum / total * span : 0.0)));
+  }
+  mask.back() = span;
+  return mask;
+}
+
+}  // namespace
+
+HotwordModel MakeHotwordSettings(const std::vector<double>& unit_seconds, int32 method,
+                                 int32 smooth_window, int32 span, float floor,
+                                 float sensitivity) {
+  HotwordRecord hw;
   for (size_t u = 1; u <= unit_seconds.size(); ++u) hw.keyword.push_back(static_cast<int32>(u));
   hw.sensitivity = sensitivity;
   hw.search_method = method;
   hw.search_mask = MaskFromDurations(unit_seconds, span);
   hw.search_floor.assign(hw.keyword.size(), floor);
-  HotwordModelSettings settings;
+  HotwordModel settings;
   settings.smooth_window = smooth_window;
   settings.slide_window = span;
   settings.hotwords.push_back(hw);
@@ -45,14 +61,14 @@ double MeanHotwordFrames(const std::vector<CorpusClip>& clips) {
 
 std::vector<OperatingPoint> SweepSensitivities(const std::vector<CorpusClip>& clips,
                                                const FeatureSet& posteriors,
-                                               HotwordModelSettings settings,
+                                               HotwordModel settings,
                                                const std::vector<float>& sensitivities,
                                                const SearchTuningOptions& options) {
   std::vector<OperatingPoint> curve;
   for (float s : sensitivities) {
     settings.hotwords[0].sensitivity = s;
     std::vector<std::vector<int>> detections = ScanDetections(
-        posteriors, settings, options.detector, options.scratch_dir, options.num_threads);
+        posteriors, settings, options.detector, options.num_threads);
     OperatingPoint p = CountOperatingPoint(clips, detections, options.tolerance_seconds);
     p.sensitivity = s;
     curve.push_back(p);
@@ -65,7 +81,7 @@ namespace {
 // Largest sensitivity in [0, 1] whose false alarm rate is within budget
 // (false alarms grow with the sensitivity), with its operating point.
 TunedSearch BisectSensitivity(const std::vector<CorpusClip>& clips, const FeatureSet& posteriors,
-                              HotwordModelSettings settings, const SearchTuningOptions& options) {
+                              const HotwordModel& settings, const SearchTuningOptions& options) {
   float low = 0.0f, high = 1.0f;
   TunedSearch best;
   best.settings = settings;
@@ -126,7 +142,7 @@ std::vector<TunedSearch> TuneSearchMethods(const std::vector<CorpusClip>& clips,
         int32 span = std::max<int32>(static_cast<int32>(unit_seconds.size()) + 1,
                                      static_cast<int32>(std::lround(mean_frames * factor)));
         for (float floor : options.floors) {
-          HotwordModelSettings settings =
+          const HotwordModel settings =
               MakeHotwordSettings(unit_seconds, method, smooth, span, floor, 0.5f);
           TunedSearch t = BisectSensitivity(clips, posteriors, settings, options);
           if (!have || Better(t, best)) {
@@ -140,7 +156,7 @@ std::vector<TunedSearch> TuneSearchMethods(const std::vector<CorpusClip>& clips,
       std::ostringstream line;
       line.setf(std::ios::fixed);
       line.precision(3);
-      line << "tune: " << SearchMethodName(method) << ": smooth " << best.settings.smooth_window
+      line << "tune: " << SearchMethodLabel(method) << ": smooth " << best.settings.smooth_window
            << ", span " << best.settings.slide_window << ", floor "
            << best.settings.hotwords[0].search_floor[0] << ", sensitivity "
            << best.point.sensitivity << " -> FRR " << 100.0 * best.point.FalseRejectionRate()

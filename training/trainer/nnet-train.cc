@@ -1,4 +1,6 @@
-#include "nnet/nnet-train.h"
+#include "nnet-train.h"
+
+#include "nnet-backprop.h"
 
 #include <algorithm>
 #include <cmath>
@@ -156,10 +158,10 @@ float NnetTrainer::ComputeGradient(const MatrixBase& rows, const std::vector<int
   for (int j = softmax - 1; j >= 0; --j) {
     const int i = first_trained_ + j;
     const Component& c = nnet_->GetComponent(i);
-    if (updated_[i]) c.AccumulateGradient(activations_[j], diff_, gradients_[i].data());
+    if (updated_[i]) AccumulateGradient(c, activations_[j], diff_, gradients_[i].data());
     if (j == 0) break;  // nothing below wants the input gradient
     next_diff_.Resize(rows.NumRows(), c.InputDim(), kUndefined);
-    c.Backpropagate(activations_[j], activations_[j + 1], diff_, &next_diff_);
+    Backpropagate(c, activations_[j], activations_[j + 1], diff_, &next_diff_);
     std::swap(diff_, next_diff_);
   }
   return loss;

@@ -3,7 +3,7 @@
 // costs only the smoothing and the searches, not the network.
 //
 // The detector gets the given settings with an identity network (a <Rescale>
-// of ones as wide as the outputs) and reads the stored outputs through an
+// of ones as wide as the outputs), in memory, and reads the stored outputs through an
 // upstream stage that plays them back clip by clip, exactly as the real
 // network would have delivered them. Each clip starts from a reset detector,
 // and frame ids leave a gap between clips wider than any refractory span, so
@@ -16,7 +16,7 @@
 
 #include "detect/universal-detect-stream.h"
 #include "feature-set.h"
-#include "hotword-model-file.h"
+#include "model/hotword-model.h"
 
 namespace kestrel {
 
@@ -25,13 +25,12 @@ namespace kestrel {
 FeatureSet ComputePosteriors(const Nnet& nnet, const FeatureSet& features, int num_threads);
 
 // For each clip of `posteriors`, the frames (counted from the clip's first
-// frame) at which the detector reported the hotword. `options.model_str` is
-// ignored: the settings are written to a temporary model file in
-// `scratch_dir`, removed afterwards.
+// frame) at which the detector reported the hotword. The network of
+// `settings` is not used; the option strings of `options` are ignored.
 std::vector<std::vector<int>> ScanDetections(const FeatureSet& posteriors,
-                                             const HotwordModelSettings& settings,
+                                             const HotwordModel& settings,
                                              UniversalDetectStreamOptions options,
-                                             const std::string& scratch_dir, int num_threads);
+                                             int num_threads);
 
 }  // namespace kestrel
 
