@@ -45,6 +45,7 @@ class WakeFlow(unittest.TestCase):
         self.assertEqual(len(expected), 1)
 
         client = server.connect()
+        client.send("transcribe", {"x": 1}, payload=b"abc")  # not ours: ignored
         client.send("describe")
         info = client.receive()
         self.assertEqual(info["type"], "info")
