@@ -235,15 +235,12 @@ int RunDetect(int argc, char** argv) {
                  "slower: no search is skipped)");
 
   std::vector<std::string> inputs;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &inputs, &error)) return UsageError("detect", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &inputs, &status)) return status;
   std::unique_ptr<HotwordDetector> detector;
   try {
     HotwordDetectorOptions options;
+    std::string error;
     if (!MakeDetectorOptions(args, &options, &error)) return UsageError("detect", error);
     if (inputs.empty()) {
       return UsageError("detect", "no input: give WAV files, or - for standard input");

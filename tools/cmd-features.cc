@@ -20,12 +20,8 @@ int RunFeatures(int argc, char** argv) {
       "array of shape (frames, 40). IN must be 16 kHz 16-bit PCM; several\n"
       "channels are mixed down. A last frame shorter than 25 ms is not computed.");
   std::vector<std::string> files;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &files, &error)) return UsageError("features", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &files, &status)) return status;
   if (files.size() != 2) return UsageError("features", "give one WAV file and one .npy file");
 
   try {

@@ -3,7 +3,6 @@
 #include <signal.h>
 
 #include <exception>
-#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -47,18 +46,15 @@ int RunServe(int argc, char** argv) {
   parser.AddFlag("debug", &debug, "log every event received and sent");
 
   std::vector<std::string> positional;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &positional, &error)) return UsageError("serve", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &positional, &status)) return status;
   if (!positional.empty()) return UsageError("serve", "unexpected argument \"" + positional[0] + "\"");
   if (max_clients < 1) return UsageError("serve", "--max-clients must be at least 1");
 
   std::unique_ptr<WakeService> service;
   try {
     HotwordDetectorOptions options;
+    std::string error;
     if (!MakeDetectorOptions(args, &options, &error)) return UsageError("serve", error);
     service = std::make_unique<WakeService>(options);
   } catch (const KestrelError& e) {
