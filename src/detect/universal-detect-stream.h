@@ -34,6 +34,9 @@
 #include "stream/stream-itf.h"
 #include "utils/kestrel-matrix.h"
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -324,5 +327,7 @@ class UniversalDetectStream : public StreamItf {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_DETECT_UNIVERSAL_DETECT_STREAM_H_

@@ -38,6 +38,9 @@
 
 #include "nnet/nnet.h"
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -130,5 +133,7 @@ class HotwordModel {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_MODEL_HOTWORD_MODEL_H_

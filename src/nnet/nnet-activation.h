@@ -7,6 +7,9 @@
 #include <string>
 
 #include "nnet/nnet-component.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -58,5 +61,7 @@ class Softmax : public Activation {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_NNET_NNET_ACTIVATION_H_

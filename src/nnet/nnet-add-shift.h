@@ -8,6 +8,9 @@
 
 #include "nnet/nnet-vector-component.h"
 #include "utils/kestrel-matrix.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -24,5 +27,7 @@ class AddShift : public VectorComponent {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_NNET_NNET_ADD_SHIFT_H_

@@ -14,6 +14,9 @@
 #include "nnet/nnet-component.h"
 #include "nnet/nnet-kernel.h"
 #include "utils/kestrel-matrix.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -49,5 +52,7 @@ class AffineTransform : public Component {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_NNET_NNET_AFFINE_TRANSFORM_H_

@@ -8,6 +8,9 @@
 
 #include "nnet/nnet-vector-component.h"
 #include "utils/kestrel-matrix.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -24,5 +27,7 @@ class Rescale : public VectorComponent {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_NNET_NNET_RESCALE_H_

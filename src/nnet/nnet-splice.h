@@ -17,6 +17,9 @@
 #include "nnet/nnet-component.h"
 #include "utils/kestrel-matrix.h"
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -71,5 +74,7 @@ class SpliceHistory {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_NNET_NNET_SPLICE_H_

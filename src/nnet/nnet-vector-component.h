@@ -8,6 +8,9 @@
 
 #include "nnet/nnet-component.h"
 #include "utils/kestrel-matrix.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -37,5 +40,7 @@ class VectorComponent : public Component {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_NNET_NNET_VECTOR_COMPONENT_H_

@@ -18,6 +18,10 @@
 #include <stdexcept>
 #include <string>
 
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
+
 namespace kestrel {
 
 enum KestrelLogType { kKestrelError = 0, kKestrelWarning = 1 };
@@ -82,5 +86,7 @@ class KestrelLogMsg {
   ::kestrel::KestrelLogMsg(__LINE__, file, __PRETTY_FUNCTION__, type, 0).stream()
 #define KESTREL_ERR(file) KESTREL_LOG(file, ::kestrel::kKestrelError)
 #define KESTREL_WARN(file) KESTREL_LOG(file, ::kestrel::kKestrelWarning)
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_UTILS_KESTREL_LOG_H_
