@@ -22,8 +22,11 @@ cmake --build "$out" -j2 --target kestrel
 
 clang++ -std=c++17 -O1 -g $sanitize -fsanitize=fuzzer -Isrc \
   fuzz/model-reader-fuzzer.cc "$out/libkestrel.a" -o "$out/model-reader-fuzzer"
-clang -std=c99 -O1 -g $sanitize -fsanitize=fuzzer -Isrc \
-  fuzz/detector-fuzzer.c "$out/libkestrel.a" -lstdc++ -lm -o "$out/detector-fuzzer"
+# Compiled as C, linked as C++ (the library's sanitizer checks need the C++ runtime).
+clang -std=c99 -O1 -g $sanitize -fsanitize=fuzzer-no-link -Isrc \
+  -c fuzz/detector-fuzzer.c -o "$out/detector-fuzzer.o"
+clang++ $sanitize -fsanitize=fuzzer "$out/detector-fuzzer.o" "$out/libkestrel.a" \
+  -o "$out/detector-fuzzer"
 clang++ -std=c++17 -O1 -g $sanitize -fsanitize=fuzzer-no-link -Isrc \
   fuzz/write-binary-seeds.cc "$out/libkestrel.a" -o "$out/write-binary-seeds"
 
