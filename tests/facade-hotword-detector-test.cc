@@ -26,6 +26,21 @@ std::vector<Detection> RunStream(HotwordDetector* detector, const std::vector<in
   return all;
 }
 
+// WhistleAudio's whistles at 1.0 and 4.5 s over 6 s, made at another rate.
+std::vector<int16_t> WhistlesAt(int rate) {
+  std::vector<int16_t> audio = Noise(6 * rate, 500, 3);
+  const double pi = std::acos(-1.0);
+  const size_t tone = static_cast<size_t>(kWhistleToneSeconds * rate);
+  for (double start : {1.0, 4.5}) {
+    const size_t first = static_cast<size_t>(start * rate);
+    for (size_t i = 0; i < 2 * tone; ++i) {
+      const double hz = i < tone ? kWhistleFirstHz : kWhistleSecondHz;
+      audio[first + i] = static_cast<int16_t>(audio[first + i] + 6000 * std::sin(2 * pi * hz * i / rate));
+    }
+  }
+  return audio;
+}
+
 class HotwordDetectorTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -105,6 +120,39 @@ TEST_F(HotwordDetectorTest, ScoresEveryStepAndEachDetectionCarriesTheScoreThatPa
   steps.clear();
   EXPECT_EQ(2u, RunStream(&detector, audio).size());
   EXPECT_TRUE(steps.empty());
+}
+
+TEST_F(HotwordDetectorTest, TakesAnySampleRateAsIntegersOrFloatsAndCountsInputSamples) {
+  for (int rate : {8000, 22050, 44100, 48000}) {
+    options_.sample_rate = rate;
+    const std::vector<int16_t> audio = WhistlesAt(rate);
+    std::vector<float> floats(audio.size());
+    for (size_t i = 0; i < audio.size(); ++i) floats[i] = audio[i] / 32768.0f;
+    HotwordDetector detector(options_);
+    EXPECT_EQ(rate, detector.SampleRate());
+    const std::vector<Detection> found = RunStream(&detector, audio);
+    ASSERT_EQ(2u, found.size()) << rate;
+    const double second_tone[2] = {1.3, 4.8};
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_NEAR(second_tone[i] + 0.03, found[i].seconds, 0.05) << rate;
+      EXPECT_EQ(found[i].sample, static_cast<int64>(found[i].seconds * rate + 0.5)) << rate;
+    }
+    // Floats of the same audio, a few samples at a time: the same detections.
+    std::vector<Detection> again;
+    for (size_t at = 0; at < floats.size(); at += 333) {
+      const size_t n = std::min<size_t>(333, floats.size() - at);
+      for (const Detection& d : detector.Process(floats.data() + at, n)) again.push_back(d);
+    }
+    for (const Detection& d : detector.Flush()) again.push_back(d);
+    ASSERT_EQ(2u, again.size()) << rate;
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(found[i].sample, again[i].sample) << rate;
+      EXPECT_EQ(found[i].score, again[i].score) << rate;
+    }
+  }
+  options_.sample_rate = 96000;
+  EXPECT_EQ("HotwordDetector: sample rate 96000 Hz is not supported; give 8000 to 48000 Hz.",
+            KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
 }
 
 TEST_F(HotwordDetectorTest, IgnoresNoiseAndTheTonesInReverseOrder) {

@@ -8,6 +8,7 @@
 
 #include "commands.h"
 #include "detect/universal-detect-stream.h"
+#include "facade/hotword-detector.h"
 #include "model/hotword-model.h"
 #include "utils/kestrel-globals.h"
 #include "utils/kestrel-log.h"

@@ -12,6 +12,8 @@ int RunDetect(int argc, char** argv);
 int RunInfo(int argc, char** argv);
 int RunConvert(int argc, char** argv);
 int RunFeatures(int argc, char** argv);
+// Built where ALSA is found.
+int RunListen(int argc, char** argv);
 int RunTrain(int argc, char** argv);
 int RunEvaluate(int argc, char** argv);
 

@@ -23,6 +23,9 @@ const Command kCommands[] = {
     {"info", RunInfo, "show the hotwords, settings and network of model files"},
     {"convert", RunConvert, "rewrite a model file in binary or text form"},
     {"features", RunFeatures, "write the filterbank features of a WAV file as NumPy .npy"},
+#ifdef KESTREL_WITH_ALSA
+    {"listen", RunListen, "find hotwords in live audio from a microphone (ALSA)"},
+#endif
     {"train", RunTrain, "train a hotword model from a corpus"},
     {"evaluate", RunEvaluate, "measure a model's detections and false alarms on a corpus"},
 };
@@ -31,7 +34,7 @@ std::string MainHelp() {
   std::string help =
       "usage: kestrel <command> [options] [arguments]\n"
       "       kestrel --version\n\n"
-      "Hotword (wake-word) detection with .kmodel files on 16 kHz 16-bit audio.\n\n"
+      "Hotword (wake-word) detection with .kmodel files.\n\n"
       "commands:\n";
   for (const Command& c : kCommands) {
     help += "  " + std::string(c.name) + std::string(10 - std::strlen(c.name), ' ') + c.summary + "\n";

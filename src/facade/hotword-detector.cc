@@ -27,6 +27,17 @@ UniversalDetectStreamOptions StageOptions(const HotwordDetectorOptions& options)
   return stage;
 }
 
+// Full scale of float input, [-1, 1], on the front end's 16-bit scale.
+constexpr float kFloatScale = 32768.0f;
+
+int CheckedRate(int rate) {
+  if (rate < Resampler::kMinRate || rate > Resampler::kMaxRate) {
+    KESTREL_ERR(kLogFile) << "HotwordDetector: sample rate " << rate
+                          << " Hz is not supported; give 8000 to 48000 Hz.";
+  }
+  return rate;
+}
+
 void CheckWindowCount(const char* what, size_t given, size_t num_models) {
   if (given != 0 && given != num_models) {
     KESTREL_ERR(kLogFile) << "HotwordDetector: " << given << " " << what
@@ -40,6 +51,7 @@ void CheckWindowCount(const char* what, size_t given, size_t num_models) {
 HotwordDetector::HotwordDetector(const HotwordDetectorOptions& options)
     : hotword_names_(options.hotword_names),
       block_samples_(options.block_samples),
+      resampler_(CheckedRate(options.sample_rate), kSampleRate),
       source_(options.block_samples),
       detector_(StageOptions(options), options.models) {
   filterbank_.Connect(&source_);
@@ -77,13 +89,35 @@ HotwordDetector::HotwordDetector(const HotwordDetectorOptions& options)
 }
 
 std::vector<Detection> HotwordDetector::Process(const int16_t* samples, size_t n) {
-  source_.Push(samples, n);
+  if (resampler_.InputRate() == kSampleRate) {
+    source_.Push(samples, n);
+    return Analyse(nullptr, 0);
+  }
+  scaled_.assign(samples, samples + n);
+  return Analyse(scaled_.data(), n);
+}
+
+std::vector<Detection> HotwordDetector::Process(const float* samples, size_t n) {
+  scaled_.resize(n);
+  for (size_t i = 0; i < n; ++i) scaled_[i] = samples[i] * kFloatScale;
+  return Analyse(scaled_.data(), n);
+}
+
+std::vector<Detection> HotwordDetector::Analyse(const float* samples, size_t n) {
+  if (n > 0) {
+    resampled_.clear();
+    resampler_.Process(samples, n, &resampled_);
+    source_.Push(resampled_.data(), resampled_.size());
+  }
   std::vector<Detection> detections;
   while (source_.NumPending() >= block_samples_) ReadBlock(&detections);
   return detections;
 }
 
 std::vector<Detection> HotwordDetector::Flush() {
+  resampled_.clear();
+  resampler_.Flush(&resampled_);
+  source_.Push(resampled_.data(), resampled_.size());
   source_.MarkEnd();
   std::vector<Detection> detections;
   while (!(ReadBlock(&detections) & (kSignalFlush | kSignalStopMask))) {
@@ -93,6 +127,7 @@ std::vector<Detection> HotwordDetector::Flush() {
 }
 
 void HotwordDetector::Reset() {
+  resampler_.Reset();
   source_.Reset();
   filterbank_.Reset();
   detector_.Reset();
@@ -106,7 +141,7 @@ int HotwordDetector::ReadBlock(std::vector<Detection>* detections) {
     detection.hotword = static_cast<int>(result_(0, 0));
     detection.name = HotwordName(detection.hotword);
     detection.sample = FrameSample(result_info_[0].frame_id);
-    detection.seconds = static_cast<double>(detection.sample) / kSampleRate;
+    detection.seconds = static_cast<double>(detection.sample) / resampler_.InputRate();
     detection.score = detector_.LastDetectionScore();
     detections->push_back(detection);
   }
@@ -117,7 +152,9 @@ int64 HotwordDetector::FrameSample(int32 frame_id) const {
   // Unsigned, as the detector measures frame distances, so that the position
   // stays right when the 32-bit frame clock wraps.
   const uint32 frames = static_cast<uint32>(frame_id) - static_cast<uint32>(stream_start_frame_);
-  return static_cast<int64>(frames) * FilterbankStream::kFrameShift;
+  const int64 sample = static_cast<int64>(frames) * FilterbankStream::kFrameShift;
+  // Output sample k of the resampler stands for input time k * rate / 16000.
+  return (sample * resampler_.InputRate() + kSampleRate / 2) / kSampleRate;
 }
 
 void HotwordDetector::SetScoreListener(std::function<void(const HotwordScore&)> listener) {
@@ -130,7 +167,7 @@ void HotwordDetector::SetScoreListener(std::function<void(const HotwordScore&)> 
       [this](int model_id, int32 frame_id, const std::vector<float>& scores, int detected) {
         HotwordScore step;
         step.sample = FrameSample(frame_id);
-        step.seconds = static_cast<double>(step.sample) / kSampleRate;
+        step.seconds = static_cast<double>(step.sample) / resampler_.InputRate();
         for (size_t k = 0; k < scores.size(); ++k) {
           step.hotword = first_hotword_[model_id] + static_cast<int>(k) + 1;
           step.score = scores[k];

@@ -1,4 +1,4 @@
-// HotwordDetector: hotword detection on 16-bit audio in one object.
+// HotwordDetector: hotword detection on live or recorded audio in one object.
 //
 //   kestrel::HotwordDetectorOptions options;
 //   options.models.push_back(kestrel::HotwordModel::ReadFile("hey-kestrel.kmodel"));
@@ -7,16 +7,19 @@
 //   for (const auto& d : detector.Process(samples, n))
 //     std::printf("%s at %.2f s\n", d.name.c_str(), d.seconds);
 //
-// It owns the whole chain, PcmSourceStream -> FilterbankStream ->
-// UniversalDetectStream, and adds nothing to it but bookkeeping: audio goes
-// to the source, detections come back with their hotword number, name and
-// position. Options are typed values; parsing command-line strings is the
+// It owns the whole chain, Resampler -> PcmSourceStream -> FilterbankStream
+// -> UniversalDetectStream, and adds nothing to it but bookkeeping: audio
+// goes to the source, detections come back with their hotword number, name,
+// position and score. Options are typed values; parsing command-line strings is the
 // caller's business (the `kestrel` tools do it in tools/args.cc).
 //
-// Audio is 16 kHz mono 16-bit. Process takes chunks of any size; the chain
-// always sees the same fixed blocks of `block_samples`, so the detections do
-// not depend on how the audio was chunked, and a detection is reported at
-// most one block after the audio that completed it. Flush ends the stream
+// Audio is mono, 16-bit integers or floats in [-1, 1], at the options'
+// sample_rate (8 to 48 kHz); other rates than the front end's 16 kHz are
+// resampled (16 kHz integers go in untouched). Process takes chunks of any
+// size; the chain always sees the same fixed blocks of `block_samples`, so
+// the detections do not depend on how the audio was chunked, and a detection
+// is reported at most one block (plus, when resampling, a few milliseconds
+// of filter) after the audio that completed it. Flush ends the stream
 // (analysing the last partial block) and starts a new one.
 //
 // Hotwords are numbered from 1 over all models in load order, as in
@@ -42,7 +45,9 @@
 
 #include "detect/universal-detect-stream.h"
 #include "frontend/filterbank-stream.h"
+#include "frontend/audio-format.h"
 #include "frontend/pcm-source-stream.h"
+#include "frontend/resampler.h"
 #include "model/hotword-model.h"
 #include "utils/kestrel-types.h"
 #include "utils/kestrel-export.h"
@@ -80,9 +85,11 @@ struct HotwordDetectorOptions {
   int32 refractory_frames = 100;
   // Naive search only: skip its floor and unit-order tests.
   bool no_order_check = false;
-  // Audio is analysed in blocks of this many samples (0.1 s by default).
-  // Smaller blocks report sooner and cost more per second of audio.
+  // Audio is analysed in blocks of this many 16 kHz samples (0.1 s by
+  // default). Smaller blocks report sooner and cost more per second of audio.
   int block_samples = PcmSourceStream::kDefaultBlockSamples;
+  // Samples per second of the audio given to Process, from 8000 to 48000.
+  int sample_rate = kSampleRate;
 };
 
 struct Detection {
@@ -90,11 +97,12 @@ struct Detection {
   int hotword = 0;
   // The hotword's name (HotwordName), or empty when no names were given.
   std::string name;
-  // Where the detecting search step began, in samples from the start of the
-  // stream: the first sample of its feature frame. With slide_step 1 this is
-  // about where the hotword's last part was scored complete, so near its end.
+  // Where the detecting search step began, in input samples (at the
+  // options' sample_rate) from the start of the stream: the first sample of
+  // its feature frame. With slide_step 1 this is about where the hotword's
+  // last part was scored complete, so near its end.
   int64 sample = 0;
-  double seconds = 0.0;  // sample / 16000
+  double seconds = 0.0;  // sample / sample_rate
   // The hotword's search score that passed its threshold (1 - sensitivity).
   float score = 0.0f;
 };
@@ -118,6 +126,9 @@ class HotwordDetector {
 
   // Analyses `n` more samples; returns the detections they completed.
   std::vector<Detection> Process(const int16_t* samples, size_t n);
+  // The same for floats, full scale being [-1, 1] (larger values are not
+  // clipped).
+  std::vector<Detection> Process(const float* samples, size_t n);
   // Ends the stream: analyses what is left and returns its detections, then
   // Resets, so the next sample starts a new stream at position 0.
   std::vector<Detection> Flush();
@@ -127,6 +138,7 @@ class HotwordDetector {
   void Reset();
 
   int NumHotwords() const { return static_cast<int>(hotwords_.size()); }
+  int SampleRate() const { return resampler_.InputRate(); }
   // Hotword `hotword` (1 to NumHotwords()); "" when no names were given.
   const std::string& HotwordName(int hotword) const;
 
@@ -155,10 +167,13 @@ class HotwordDetector {
   HotwordDetector& operator=(const HotwordDetector&) = delete;
 
  private:
+  // Feeds samples at the front end's rate and scale to the chain; returns
+  // the detections of the whole blocks now pending.
+  std::vector<Detection> Analyse(const float* samples, size_t n);
   // Runs one block through the chain, appending any detection; returns the
   // signal word.
   int ReadBlock(std::vector<Detection>* detections);
-  // The position in the stream of a frame of the detector stage.
+  // The position in input samples of a frame of the detector stage.
   int64 FrameSample(int32 frame_id) const;
 
   // Where hotword number h lives: hotwords_[h - 1] = {model, index in model}.
@@ -172,6 +187,7 @@ class HotwordDetector {
   std::vector<std::string> hotword_names_;
   std::vector<HotwordPlace> hotwords_;
   size_t block_samples_;
+  Resampler resampler_;
   PcmSourceStream source_;
   FilterbankStream filterbank_;
   UniversalDetectStream detector_;
@@ -180,6 +196,9 @@ class HotwordDetector {
   int32 stream_start_frame_ = 0;
   Matrix result_;
   std::vector<FrameInfo> result_info_;
+  // Working buffers: input at the 16-bit scale, and resampled.
+  std::vector<float> scaled_;
+  std::vector<float> resampled_;
   std::function<void(const HotwordScore&)> score_listener_;
   // Hotword number of each model's first hotword, minus one.
   std::vector<int> first_hotword_;
