@@ -14,6 +14,8 @@ int RunConvert(int argc, char** argv);
 int RunFeatures(int argc, char** argv);
 // Built where ALSA is found.
 int RunListen(int argc, char** argv);
+// Built when the server library is (server/ needs nlohmann-json3-dev).
+int RunServe(int argc, char** argv);
 int RunTrain(int argc, char** argv);
 int RunEvaluate(int argc, char** argv);
 

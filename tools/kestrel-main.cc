@@ -26,6 +26,9 @@ const Command kCommands[] = {
 #ifdef KESTREL_WITH_ALSA
     {"listen", RunListen, "find hotwords in live audio from a microphone (ALSA)"},
 #endif
+#ifdef KESTREL_WITH_SERVER
+    {"serve", RunServe, "serve hotword detection to Home Assistant (Wyoming protocol)"},
+#endif
     {"train", RunTrain, "train a hotword model from a corpus"},
     {"evaluate", RunEvaluate, "measure a model's detections and false alarms on a corpus"},
 };
