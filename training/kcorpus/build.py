@@ -319,6 +319,11 @@ def plan_clip(cfg, split, kind, idx):
         if placement == "alone":
             text = phrase_text(rng, said)
         plan["reqs"].append(dict(v, text=text))
+        if placement != "alone":
+            # Said alone as well, for when the engine's word events blur the
+            # phrase into its neighbour (a dialect that drops the h of "hey"
+            # merges it with the vowel before): then the clip is this.
+            plan["reqs"].append(dict(v, text=said))
         plan["context"] = [c for c in (prefix, suffix) if c]
         plan["before"] = placement == "alone" and rng.random() < 0.35
         plan["after"] = placement == "alone" and rng.random() < 0.35
@@ -355,6 +360,15 @@ def render_clip(cfg, plan, utts):
         text = " / ".join(r["text"] for r in plan["reqs"])
     else:
         main, rest = utts[0], utts[1:]
+        words = texts.norm_words(plan["said"])
+        placement, context = plan["placement"], plan["context"]
+        if placement != "alone":
+            alone = rest.pop(0)
+            try:
+                main.locate(words)
+            except ValueError:
+                main, placement, context = alone, "alone", []
+        pasted = [r["text"] for r in plan["reqs"][len(plan["reqs"]) - len(rest):]]
         pieces = [float(rng.uniform(0.2, 1.0))]
         if plan["before"]:
             pieces += [rest.pop(0), float(rng.uniform(0.1, 0.7))]
@@ -365,13 +379,18 @@ def render_clip(cfg, plan, utts):
         pieces.append(float(rng.uniform(0.2, 1.0)))
         x, offs = assemble(pieces)
         o = offs[k]
-        first, last = main.locate(texts.norm_words(plan["said"]))
+        if placement == "alone" and not context:
+            # Said by itself: every phone is the phrase's, however the
+            # engine's word events fell.
+            first, last = 0, len(main.phones) - 1
+        else:
+            first, last = main.locate(words)
         phones = main.phones[first:last + 1]
         spans = [(o + phones[0][1], o + phones[-1][2])]
         text = plan["said"]
-        entry["context"] = plan["context"] + [r["text"] for r in plan["reqs"][1:]]
-        entry["utterance"] = plan["reqs"][0]["text"]
-        entry["placement"] = plan["placement"]
+        entry["context"] = context + pasted
+        entry["utterance"] = plan["reqs"][0]["text"] if context else plan["said"]
+        entry["placement"] = placement
         entry["speed"] = speed_of(v, plan["warp"])
         key = "hotword" if kind == "positive" else "span"
         entry[key] = [_r(spans[0][0]), _r(spans[0][1])]
@@ -565,6 +584,11 @@ def generate(cfg, log=sys.stderr):
             clean = [r[2] for r in rows if r[2]]
             if clean:
                 _write_manifest(cfg, "test_clean", clean, log)
+    except BaseException:
+        # Do not wait for the queued work of a run that has failed.
+        if pool:
+            pool.terminate()
+        raise
     finally:
         if pool:
             pool.close()
