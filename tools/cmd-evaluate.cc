@@ -61,7 +61,7 @@ struct EvaluateConfig {
   std::string det;
   std::string tolerance = "0.5";
   std::string max_fa = "0.5";
-  std::string max_near = "0.05";
+  std::string max_near = "0.15";
   int32 threads = 2;
 };
 

@@ -36,7 +36,7 @@ struct TrainConfig {
   // The two best on dev; `kestrel evaluate` compares them all.
   std::string methods = "3,6";
   std::string max_fa = "0.5";
-  std::string max_near = "0.05";
+  std::string max_near = "0.15";
   std::string learning_rate = "0.001";
   std::string filler_fraction = "0.5";
   // Four units: with six, a fast speaker's shortest units lasted fewer

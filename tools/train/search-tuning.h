@@ -34,7 +34,7 @@ struct SearchTuningOptions {
   double max_false_alarms_per_hour = 0.5;
   // Share of near phrases (confusables) the detector may accept: they are
   // false alarms to a user, but too dense in a corpus to count per hour.
-  double max_near_phrase_accept_rate = 0.05;
+  double max_near_phrase_accept_rate = 0.15;
   double tolerance_seconds = 0.5;
   int bisection_steps = 10;
   // Detector options as the application will use them (slide step, minimum
