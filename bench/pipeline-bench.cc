@@ -114,8 +114,8 @@ const char* const kConfigNames[] = {"typical", "two-hotwords"};
 
 HotwordDetectorOptions DetectorOptions(int config) {
   HotwordDetectorOptions options;
-  options.detector.model_str =
-      config == 0 ? std::string(KESTREL_MODEL_DIR "/hey-kestrel.kmodel") : TwoHotwordModelPath();
+  options.models = {HotwordModel::ReadFile(
+      config == 0 ? std::string(KESTREL_MODEL_DIR "/hey-kestrel.kmodel") : TwoHotwordModelPath())};
   return options;
 }
 

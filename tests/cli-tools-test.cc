@@ -91,13 +91,14 @@ TEST(KestrelCommandTest, FeaturesWritesTheFilterbankOutputAsNpy) {
   std::memcpy(written.data(), bytes.data() + 128, written.size() * 4);  // little-endian host
   EXPECT_EQ(expected, written);
 
-  WaveLayout float_wav;
-  float_wav.format = 3;
-  float_wav.bits = 32;
-  WriteBytes(wav, WaveBytes(std::string(64, '\0'), float_wav));
+  WaveLayout hifi;
+  hifi.format = 3;
+  hifi.bits = 32;
+  hifi.rate = 96000;
+  WriteBytes(wav, WaveBytes(std::string(64, '\0'), hifi));
   const CommandResult refused = RunKestrel("features " + Quoted(wav) + " " + Quoted(npy));
   EXPECT_EQ(1, refused.status);
-  EXPECT_NE(std::string::npos, refused.err.find("16000 Hz, 1 channel, 32-bit float"));
+  EXPECT_NE(std::string::npos, refused.err.find("96000 Hz, 1 channel, 32-bit float"));
 }
 
 class DetectCommandTest : public testing::Test {
@@ -147,21 +148,105 @@ TEST_F(DetectCommandTest, ReadsRawSamplesFromStandardInputAndPrintsJson) {
     ASSERT_EQ(0u, line.find(prefix)) << line;
     const double time = std::stod(line.substr(prefix.size()));
     const std::string sample = ", \"sample\": " + std::to_string(std::lround(time * 16000));
-    EXPECT_NE(std::string::npos, line.find(sample + ", \"hotword\": 1}")) << line;
+    EXPECT_NE(std::string::npos, line.find(sample + ", \"hotword\": 1, \"score\": ")) << line;
   }
   EXPECT_NEAR(1.33, std::stod(lines[0].substr(prefix.size())), 0.05);
 }
 
+// The value of "key": in a JSON line, as the text up to the next comma or brace.
+std::string JsonField(const std::string& line, const std::string& key) {
+  const size_t at = line.find("\"" + key + "\": ");
+  if (at == std::string::npos) return "";
+  const size_t begin = at + key.size() + 4;
+  return line.substr(begin, line.find_first_of(",}", begin) - begin);
+}
+
+TEST_F(DetectCommandTest, ScoresPrintEveryStepAndMarkTheDetections) {
+  const std::string whistles = "'" + TempPath("whistles.wav") + "'";
+  const CommandResult json = RunKestrel(Detect("--json " + whistles));
+  const CommandResult scores = RunKestrel(Detect("--scores --hotword-names=whistle " + whistles));
+  ASSERT_EQ(0, scores.status) << scores.err;
+  const std::vector<std::string> detections = json.OutLines(), steps = scores.OutLines();
+  ASSERT_EQ(2u, detections.size()) << json.out;
+  // 8 s of 10 ms steps, less those a detection drops.
+  EXPECT_NEAR(800.0, static_cast<double>(steps.size()), 40.0);
+  std::vector<std::string> marked;
+  for (const std::string& line : steps) {
+    ASSERT_EQ(0u, line.find("{\"file\": " + JsonField(detections[0], "file") + ", \"time\": "))
+        << line;
+    EXPECT_EQ("\"whistle\"", JsonField(line, "name"));
+    const double score = std::stod(JsonField(line, "score"));
+    EXPECT_TRUE(score >= 0.0 && score <= 1.0) << line;
+    if (JsonField(line, "detected") == "true") marked.push_back(line);
+  }
+  ASSERT_EQ(2u, marked.size());
+  for (int i = 0; i < 2; ++i) {
+    for (const char* key : {"time", "sample", "hotword", "score"}) {
+      EXPECT_EQ(JsonField(detections[i], key), JsonField(marked[i], key)) << key;
+    }
+    EXPECT_GE(std::stod(JsonField(marked[i], "score")), 0.5);
+  }
+}
+
+// The bundled sample, converted by sox to what microphones and editors
+// produce, is found where it is in the original, counted in its own samples.
+TEST(DetectSampleTest, FindsTheHotwordInTheSampleAtOtherRatesFormatsAndChannels) {
+  if (std::system("command -v sox >/dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "sox is not installed (training/install-deps.sh installs it)";
+  }
+  const std::string root = std::string(KESTREL_SOURCE_DIR) + "/";
+  const std::string sample = root + "samples/hey-kestrel.wav";
+  const std::string detect = "detect --model-str='" + root + "models/hey-kestrel.kmodel' --json ";
+  const CommandResult original = RunKestrel(detect + "'" + sample + "'");
+  ASSERT_EQ(1u, original.OutLines().size()) << original.out << original.err;
+  const double seconds = std::stod(JsonField(original.out, "time"));
+
+  const struct {
+    const char* name;
+    const char* sox_options;
+    int rate;
+  } conversions[] = {
+      {"cd.wav", "-r 44100 -c 2 -b 24", 44100},
+      {"float.wav", "-r 48000 -e floating-point -b 32", 48000},
+      {"three.wav", "-r 22050 -c 3 -e floating-point -b 64", 22050},
+  };
+  for (const auto& c : conversions) {
+    const std::string wav = TempPath(c.name);
+    ASSERT_EQ(0, std::system(("sox '" + sample + "' " + c.sox_options + " '" + wav + "'").c_str()));
+    const CommandResult result = RunKestrel(detect + "'" + wav + "'");
+    EXPECT_EQ(0, result.status) << result.err;
+    ASSERT_EQ(1u, result.OutLines().size()) << c.name << result.out;
+    const double time = std::stod(JsonField(result.out, "time"));
+    EXPECT_NEAR(seconds, time, 0.011) << c.name;
+    EXPECT_NEAR(time * c.rate, std::stod(JsonField(result.out, "sample")), c.rate / 100.0);
+  }
+  // Raw floats at 44.1 kHz on standard input.
+  const std::string raw = TempPath("sample.f32");
+  ASSERT_EQ(0, std::system(("sox '" + sample + "' -t raw -r 44100 -e floating-point -b 32 '" +
+                            raw + "'").c_str()));
+  const CommandResult piped = RunKestrel(detect + "--rate=44100 --format=f32le -", raw);
+  ASSERT_EQ(1u, piped.OutLines().size()) << piped.out << piped.err;
+  EXPECT_NEAR(seconds, std::stod(JsonField(piped.out, "time")), 0.011);
+
+  // Step scores search every hotword on every step: the same detection.
+  const CommandResult scores = RunKestrel(detect + "--scores '" + sample + "'");
+  const size_t marked = scores.out.find("\"detected\": true");
+  ASSERT_NE(std::string::npos, marked);
+  const std::string line = scores.out.substr(scores.out.rfind('{', marked));
+  EXPECT_EQ(JsonField(original.out, "sample"), JsonField(line, "sample"));
+  EXPECT_EQ(JsonField(original.out, "score"), JsonField(line, "score"));
+}
+
 TEST_F(DetectCommandTest, AFailingInputIsReportedInOneLineAndTheRestStillRun) {
-  WaveLayout cd;
-  cd.rate = 44100;
-  cd.channels = 2;
-  const std::string bad = TempPath("cd.wav"), whistles = TempPath("whistles.wav");
-  WriteBytes(bad, WaveBytes(std::string(400, '\0'), cd));
+  WaveLayout hifi;
+  hifi.rate = 96000;
+  hifi.channels = 2;
+  const std::string bad = TempPath("hifi.wav"), whistles = TempPath("whistles.wav");
+  WriteBytes(bad, WaveBytes(std::string(400, '\0'), hifi));
   CommandResult result = RunKestrel(Detect("'" + bad + "' '" + whistles + "'"));
   EXPECT_EQ(1, result.status);
   EXPECT_EQ(2u, result.OutLines().size());
-  EXPECT_EQ(0u, result.err.find("kestrel: " + bad + ": unsupported audio: 44100 Hz, 2 channels, "
+  EXPECT_EQ(0u, result.err.find("kestrel: " + bad + ": unsupported audio: 96000 Hz, 2 channels, "
                                 "16-bit PCM;")) << result.err;
   EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n'));
 
@@ -169,8 +254,7 @@ TEST_F(DetectCommandTest, AFailingInputIsReportedInOneLineAndTheRestStillRun) {
   WriteBytes(odd, "abc");
   result = RunKestrel(Detect("-"), odd);
   EXPECT_EQ(1, result.status);
-  EXPECT_EQ("kestrel: standard input: ends in the middle of a sample (an odd number of bytes).\n",
-            result.err);
+  EXPECT_EQ("kestrel: standard input: ends in the middle of a 2-byte sample.\n", result.err);
 
   result = RunKestrel("detect --model-str=" + TempPath("none.kmodel") + " '" + whistles + "'");
   EXPECT_EQ(1, result.status);
@@ -188,6 +272,11 @@ TEST_F(DetectCommandTest, BadCommandLinesExitWithStatusTwo) {
       {Detect("--slide-step=two" + whistles),
        "kestrel detect: --slide-step needs an integer, got \"two\""},
       {Detect(""), "kestrel detect: no input: give WAV files, or - for standard input"},
+      {Detect("--rate=96000 -"), "kestrel detect: --rate must be from 8000 to 48000, got 96000"},
+      {Detect("--format=s24le -"), "kestrel detect: --format must be s16le or f32le, got \"s24le\""},
+      {Detect("--sensitivity-str=0.5,high" + whistles),
+       "kestrel detect: --sensitivity-str: "},
+      {"detect --model-str=, " + whistles, "kestrel detect: --model-str names no file"},
       {"frobnicate", "kestrel: unknown command \"frobnicate\""},
       {"", ""},
   };

@@ -176,7 +176,11 @@ TEST(DetectModelReadTest, MalformedFilesFailNamingWhatIsWrong) {
       {with({0, 1}, TestSearchGroup{2, 0, {0, 5, 10}, {0.1f}}),
        in_hotword + "<SearchFloor> has 1 values, expected one for each of the 2 units of <Kw>."},
       {with({0, 1}, TestSearchGroup{2, 0, {0, 10}, {0.1f, 0.1f}}),
-       in_hotword + "<SearchMask> has 2 entries, expected 3 (one per unit boundary of <Kw>)."},
+       in_hotword + "<SearchMask> has 2 entries; the DTW search (method 2) needs 3, one per "
+                    "unit boundary of <Kw>."},
+      {with({0, 1}, TestSearchGroup{7, 0, {}, {0.1f, 0.1f}}),
+       in_hotword + "<SearchMask> is empty; search method 7 (Viterbi with traceback) needs its "
+                    "last entry as the span it searches."},
       {with({}, TestSearchGroup{3, 0, {0}, {}}),
        in_hotword + "<Kw> is empty; only search method 1 accepts an empty keyword, got method 3."},
   };
@@ -568,6 +572,28 @@ TEST_F(SearchTest, DtwSearchAlignsWithinBandsOverTheFullSpan) {
   Show({{1, 1, 1, 1, 1, 1, 1, 1, 0, 0}, {0, 0, 0, 0, 0, 0, 0, 0, 1, 1}});
   EXPECT_EQ(Score(0), 0.0f);
   EXPECT_FLOAT_EQ(Score(1), 0.5f);  // (8 + 2) / 20
+}
+
+// A mask is read as stored: the span-based searches use its last entry
+// whatever its length, DTW its first units + 1 entries, and the naive and
+// piecewise searches may have none.
+TEST_F(SearchTest, MasksOfAnyLengthServeTheEntriesTheirSearchReads) {
+  auto with_mask = [](TestHotword hw, std::vector<int32> mask) {
+    hw.search->mask = std::move(mask);
+    return hw;
+  };
+  Load({Hotword(3, 6, {.25f, .25f}), with_mask(Hotword(3, 6, {.25f, .25f}), {6}),
+        with_mask(Hotword(6, 6, {.25f, .25f}), {0, 1, 2, 3, 6}), Hotword(6, 6, {.25f, .25f}),
+        Hotword(2, 6, {0, 0}), with_mask(Hotword(2, 6, {0, 0}), {0, 3, 6, 1, 99}),
+        with_mask(Hotword(1, 6, {0, 0}), {}), with_mask(Hotword(4, 6, {0, 0}), {})},
+       1);
+  std::mt19937 rng(8);
+  for (int i = 0; i < 50; ++i) {
+    Show(Random(&rng, 12));
+    EXPECT_EQ(Score(0), Score(1));
+    EXPECT_EQ(Score(3), Score(2));
+    EXPECT_EQ(Score(4), Score(5));
+  }
 }
 
 TEST_F(SearchTest, ViterbiLocksTiesAndFloors) {

@@ -26,11 +26,26 @@ std::vector<Detection> RunStream(HotwordDetector* detector, const std::vector<in
   return all;
 }
 
+// WhistleAudio's whistles at 1.0 and 4.5 s over 6 s, made at another rate.
+std::vector<int16_t> WhistlesAt(int rate) {
+  std::vector<int16_t> audio = Noise(6 * rate, 500, 3);
+  const double pi = std::acos(-1.0);
+  const size_t tone = static_cast<size_t>(kWhistleToneSeconds * rate);
+  for (double start : {1.0, 4.5}) {
+    const size_t first = static_cast<size_t>(start * rate);
+    for (size_t i = 0; i < 2 * tone; ++i) {
+      const double hz = i < tone ? kWhistleFirstHz : kWhistleSecondHz;
+      audio[first + i] = static_cast<int16_t>(audio[first + i] + 6000 * std::sin(2 * pi * hz * i / rate));
+    }
+  }
+  return audio;
+}
+
 class HotwordDetectorTest : public testing::Test {
  protected:
   void SetUp() override {
     WriteToneModel(model_);
-    options_.detector.model_str = model_;
+    options_.models = {HotwordModel::ReadFile(model_)};
     options_.hotword_names = {"whistle"};
   }
   size_t Count(const std::vector<int16_t>& audio) {
@@ -65,6 +80,81 @@ TEST_F(HotwordDetectorTest, ReportsEachWhistleWhereItsSecondToneBeginsHoweverChu
   }
 }
 
+TEST_F(HotwordDetectorTest, ScoresEveryStepAndEachDetectionCarriesTheScoreThatPassed) {
+  const std::vector<int16_t> audio = WhistleAudio(6.0, {1.0, 4.5});
+  HotwordDetector plain(options_);
+  const std::vector<Detection> expected = RunStream(&plain, audio);
+  ASSERT_EQ(2u, expected.size());
+
+  HotwordDetector detector(options_);
+  std::vector<HotwordScore> steps;
+  detector.SetScoreListener([&steps](const HotwordScore& s) { steps.push_back(s); });
+  const std::vector<Detection> found = RunStream(&detector, audio, {777});
+  ASSERT_EQ(expected.size(), found.size());
+  std::vector<HotwordScore> detected;
+  for (size_t i = 0; i < steps.size(); ++i) {
+    EXPECT_EQ(1, steps[i].hotword);
+    if (i > 0) {
+      EXPECT_LT(steps[i - 1].sample, steps[i].sample);
+    }
+    if (steps[i].detected) detected.push_back(steps[i]);
+  }
+  // One step per 10 ms frame (slide step 1), less the frames a detection drops.
+  EXPECT_NEAR(600.0, static_cast<double>(steps.size()), 40.0);
+  ASSERT_EQ(found.size(), detected.size());
+  for (size_t i = 0; i < found.size(); ++i) {
+    EXPECT_EQ(expected[i].sample, found[i].sample);
+    EXPECT_EQ(expected[i].score, found[i].score);
+    EXPECT_GE(found[i].score, 0.5f);  // the threshold: 1 - sensitivity
+    EXPECT_LE(found[i].score, 1.0f);
+    EXPECT_EQ(found[i].sample, detected[i].sample);
+    EXPECT_EQ(found[i].score, detected[i].score);
+  }
+  // Noise before the first whistle scores well below the threshold.
+  for (const HotwordScore& s : steps) {
+    if (s.seconds < 0.9) {
+      EXPECT_LT(s.score, 0.2f) << s.seconds;
+    }
+  }
+  detector.SetScoreListener(nullptr);
+  steps.clear();
+  EXPECT_EQ(2u, RunStream(&detector, audio).size());
+  EXPECT_TRUE(steps.empty());
+}
+
+TEST_F(HotwordDetectorTest, TakesAnySampleRateAsIntegersOrFloatsAndCountsInputSamples) {
+  for (int rate : {8000, 22050, 44100, 48000}) {
+    options_.sample_rate = rate;
+    const std::vector<int16_t> audio = WhistlesAt(rate);
+    std::vector<float> floats(audio.size());
+    for (size_t i = 0; i < audio.size(); ++i) floats[i] = audio[i] / 32768.0f;
+    HotwordDetector detector(options_);
+    EXPECT_EQ(rate, detector.SampleRate());
+    const std::vector<Detection> found = RunStream(&detector, audio);
+    ASSERT_EQ(2u, found.size()) << rate;
+    const double second_tone[2] = {1.3, 4.8};
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_NEAR(second_tone[i] + 0.03, found[i].seconds, 0.05) << rate;
+      EXPECT_EQ(found[i].sample, static_cast<int64>(found[i].seconds * rate + 0.5)) << rate;
+    }
+    // Floats of the same audio, a few samples at a time: the same detections.
+    std::vector<Detection> again;
+    for (size_t at = 0; at < floats.size(); at += 333) {
+      const size_t n = std::min<size_t>(333, floats.size() - at);
+      for (const Detection& d : detector.Process(floats.data() + at, n)) again.push_back(d);
+    }
+    for (const Detection& d : detector.Flush()) again.push_back(d);
+    ASSERT_EQ(2u, again.size()) << rate;
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(found[i].sample, again[i].sample) << rate;
+      EXPECT_EQ(found[i].score, again[i].score) << rate;
+    }
+  }
+  options_.sample_rate = 96000;
+  EXPECT_EQ("HotwordDetector: sample rate 96000 Hz is not supported; give 8000 to 48000 Hz.",
+            KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
+}
+
 TEST_F(HotwordDetectorTest, IgnoresNoiseAndTheTonesInReverseOrder) {
   EXPECT_EQ(0u, Count(Noise(5 * 16000, 500, 9)));
   std::vector<int16_t> reversed = Noise(3 * 16000, 500, 2);
@@ -88,28 +178,76 @@ TEST_F(HotwordDetectorTest, FlushFindsAWhistleAtTheEndAndStartsANewStream) {
   EXPECT_EQ(at_end[0].sample, again[0].sample);
 }
 
-TEST_F(HotwordDetectorTest, SensitivityPassesThroughToTheDetector) {
-  const std::vector<int16_t> audio = WhistleAudio(3.0, {1.0});
-  HotwordDetector detector(options_);
-  detector.SetSensitivity("0");  // a score would have to reach 1
-  EXPECT_EQ("0", detector.GetSensitivity());
-  EXPECT_TRUE(RunStream(&detector, audio).empty());
-  detector.SetSensitivity("0.5");
-  EXPECT_EQ(1u, RunStream(&detector, audio).size());
+TEST_F(HotwordDetectorTest, AModelReadFromMemoryDetectsAsTheFileDoes) {
+  const std::vector<int16_t> audio = WhistleAudio(6.0, {1.0, 4.5});
+  HotwordDetector from_file(options_);
+  const std::vector<Detection> expected = RunStream(&from_file, audio);
+  ASSERT_EQ(2u, expected.size());
+  const std::string bytes = ReadFileBytes(model_);
+  options_.models = {HotwordModel::ReadMemory(bytes.data(), bytes.size(), "tone")};
+  HotwordDetector from_memory(options_);
+  const std::vector<Detection> found = RunStream(&from_memory, audio);
+  ASSERT_EQ(2u, found.size());
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(expected[i].sample, found[i].sample);
 }
 
-TEST_F(HotwordDetectorTest, RefusesNamesOrNetworksThatDoNotFit) {
+TEST_F(HotwordDetectorTest, SensitivitiesAreSetAndReadPerHotwordNumber) {
+  const std::vector<int16_t> audio = WhistleAudio(3.0, {1.0});
+  // Two models of one whistle each: hotwords 1 and 2, named in that order.
+  options_.models.push_back(options_.models[0]);
+  options_.hotword_names = {"first", "second"};
+  options_.sensitivities = {0.0f};  // a score would have to reach 1
+  HotwordDetector detector(options_);
+  EXPECT_EQ(2, detector.NumHotwords());
+  EXPECT_EQ("second", detector.HotwordName(2));
+  EXPECT_EQ((std::vector<float>{0, 0}), detector.HighSensitivities());
+  EXPECT_TRUE(RunStream(&detector, audio).empty());
+
+  detector.SetSensitivity(2, 0.5f);
+  EXPECT_EQ((std::vector<float>{0, 0.5f}), detector.Sensitivities());
+  std::vector<Detection> found = RunStream(&detector, audio);
+  ASSERT_EQ(1u, found.size());
+  EXPECT_EQ(2, found[0].hotword);
+  EXPECT_EQ("second", found[0].name);
+
+  detector.SetSensitivities({0.5f, 0.0f});
+  EXPECT_EQ(0.5f, detector.Sensitivity(1));
+  found = RunStream(&detector, audio);
+  ASSERT_EQ(1u, found.size());
+  EXPECT_EQ(1, found[0].hotword);
+
+  EXPECT_EQ("HotwordDetector: no hotword 3; hotwords are numbered 1 to 2.",
+            KESTREL_ERROR_TEXT(detector.SetSensitivity(3, 0.5f)));
+  EXPECT_EQ("HotwordDetector: no hotword 0; hotwords are numbered 1 to 2.",
+            KESTREL_ERROR_TEXT(detector.HotwordName(0)));
+  EXPECT_NE("", KESTREL_ERROR_TEXT(detector.SetSensitivities({0.1f, 0.2f, 0.3f})));
+  EXPECT_EQ((std::vector<float>{0.5f, 0}), detector.Sensitivities());
+}
+
+TEST_F(HotwordDetectorTest, RefusesOptionsThatDoNotFitTheModels) {
   options_.hotword_names = {"a", "b"};
-  EXPECT_EQ("HotwordDetector: 2 hotword names given for 1 hotwords in " + model_ + ".",
+  EXPECT_EQ("HotwordDetector: 2 hotword names given for 1 hotwords.",
             KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
   options_.hotword_names.clear();
-  const std::string small = TempPath("small.kmodel");
-  std::ofstream(small) << "<UniversalModel> <KwInfo> <SmoothWindow> 1 <SlideWindow> 10 "
-                          "<NumKws> 1 <Kw> [ 1 ] <Sensitivity> 0.5 </KwInfo> "
-                          "<Nnet> <Softmax> 3 3 </Nnet>";
-  options_.detector.model_str = model_ + "," + small;
-  EXPECT_EQ("HotwordDetector: model 2 of " + options_.detector.model_str +
-                " takes 3 features per frame; the front end gives 40.",
+  options_.slide_windows = {50, 60};
+  EXPECT_EQ("HotwordDetector: 2 slide window lengths given for 1 models; give one per model, "
+            "or none.",
+            KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
+  options_.slide_windows.clear();
+  const std::string small = "<UniversalModel> <KwInfo> <SmoothWindow> 1 <SlideWindow> 10 "
+                            "<NumKws> 1 <Kw> [ 1 ] <Sensitivity> 0.5 </KwInfo> "
+                            "<Nnet> <Softmax> 3 3 </Nnet>";
+  options_.models.push_back(HotwordModel::ReadMemory(small.data(), small.size(), "small"));
+  EXPECT_EQ("HotwordDetector: model 2 (\"small\") takes 3 features per frame; the front end "
+            "gives 40.",
+            KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
+  // A model edited in code is checked as a file would be.
+  options_.models[1].hotwords[0].keyword = {7};
+  EXPECT_EQ("UniversalDetectStream: model file \"small\", hotword 1: <Kw> unit 7 is not an "
+            "output of the network, expected 0 to 2.",
+            KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
+  options_.models.clear();
+  EXPECT_EQ("HotwordDetector: no models given; add at least one to options.models.",
             KESTREL_ERROR_TEXT(HotwordDetector detector(options_)));
 }
 

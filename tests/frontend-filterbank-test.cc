@@ -4,11 +4,14 @@
 
 #include <cmath>
 #include <complex>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "frontend/filterbank-stream.h"
 #include "frontend/pcm-source-stream.h"
+#include "frontend/resampler.h"
 #include "frontend/wave-reader.h"
 #include "frontend/wave-source-stream.h"
 #include "test-audio.h"
@@ -166,60 +169,147 @@ std::string ErrorFor(const std::string& bytes) {
 
 const std::vector<int16_t> kSamples = {0, 1, -1, 32767, -32768, 1234};
 
-TEST(WaveReaderTest, ReadsPlainExtensibleAndChunkedLayouts) {
-  EXPECT_EQ(kSamples, ReadBytesAsWave(WaveBytes(Pcm16Bytes(kSamples))));
-
-  WaveLayout extensible;
-  extensible.format = 0xFFFE;
-  EXPECT_EQ(kSamples, ReadBytesAsWave(WaveBytes(Pcm16Bytes(kSamples), extensible)));
-
-  // Unknown chunks are skipped, odd-sized ones with their pad byte.
-  WaveLayout chunked;
-  chunked.extra_chunks = {{"LIST", "odd"}, {"fact", std::string(4, '\0')}};
-  EXPECT_EQ(kSamples, ReadBytesAsWave(WaveBytes(Pcm16Bytes(kSamples), chunked)));
+// The samples of a WAV image read from memory, and the warnings it gave.
+std::vector<float> ReadFloats(const std::string& bytes, std::vector<std::string>* warnings = nullptr) {
+  LogCapture capture;
+  WaveReader reader(std::make_unique<std::istringstream>(bytes), "F");
+  std::vector<float> samples(static_cast<size_t>(reader.NumSamples()) + 1);
+  samples.resize(reader.Read(samples.data(), samples.size()));
+  for (const CapturedMessage& m : capture.messages) {
+    if (warnings != nullptr) warnings->push_back(m.text);
+  }
+  return samples;
 }
 
-TEST(WaveReaderTest, MixesChannelsDownByRoundedAverage) {
-  WaveLayout stereo;
-  stereo.channels = 3;
+std::string Le24Bytes(int32_t v) { return Le32Bytes(static_cast<uint32_t>(v)).substr(0, 3); }
+
+template <typename T>
+std::string FloatBytes(const std::vector<T>& values) {
+  std::string bytes;
+  for (T v : values) bytes.append(reinterpret_cast<const char*>(&v), sizeof(v));  // little-endian host
+  return bytes;
+}
+
+TEST(WaveReaderTest, ReadsEveryIntegerAndFloatEncodingScaledToOne) {
+  const std::vector<float> expected = {0.0f, 0.5f, -0.5f, -1.0f};
+  struct Case {
+    uint16_t format;
+    int bits;
+    std::string data;
+  };
+  const Case cases[] = {
+      {1, 8, std::string("\x80\xC0\x40\x00", 4)},
+      {1, 16, Le16Bytes(0) + Le16Bytes(16384) + Le16Bytes(0xC000) + Le16Bytes(0x8000)},
+      {1, 24, Le24Bytes(0) + Le24Bytes(0x400000) + Le24Bytes(-0x400000) + Le24Bytes(-0x800000)},
+      {1, 32, Le32Bytes(0) + Le32Bytes(0x40000000) + Le32Bytes(0xC0000000) + Le32Bytes(0x80000000)},
+      {3, 32, FloatBytes<float>({0.0f, 0.5f, -0.5f, -1.0f})},
+      {3, 64, FloatBytes<double>({0.0, 0.5, -0.5, -1.0})},
+  };
+  for (const Case& c : cases) {
+    for (uint16_t format : {c.format, uint16_t{0xFFFE}}) {
+      WaveLayout layout;
+      layout.format = format;
+      layout.subformat = c.format;
+      layout.bits = c.bits;
+      layout.rate = 44100;
+      EXPECT_EQ(expected, ReadFloats(WaveBytes(c.data, layout))) << c.bits << " " << format;
+    }
+  }
+  // Unknown chunks are skipped, odd-sized ones with their pad byte; floats
+  // are clipped, and those that are not numbers read as silence.
+  WaveLayout chunked;
+  chunked.format = 3;
+  chunked.bits = 32;
+  chunked.extra_chunks = {{"LIST", "odd"}, {"fact", std::string(4, '\0')}};
+  const float nan = std::nanf(""), inf = HUGE_VALF;
+  EXPECT_EQ((std::vector<float>{0.25f, 0.0f, 0.0f, 1.0f, -1.0f}),
+            ReadFloats(WaveBytes(FloatBytes<float>({0.25f, nan, -inf, 1.5f, -3e38f}), chunked)));
+
+  WaveLayout layout;
+  layout.format = 0xFFFE;
+  layout.subformat = 3;
+  layout.bits = 64;
+  layout.rate = 8000;
+  layout.channels = 5;
+  const std::string path = TempPath("wave-test.wav");
+  WriteBytes(path, WaveBytes(std::string(80, '\0'), layout));
+  WaveReader reader(path);
+  EXPECT_EQ(8000, reader.SampleRate());
+  EXPECT_EQ(5, reader.NumChannels());
+  EXPECT_EQ(2, reader.NumSamples());
+  EXPECT_EQ("64-bit float", reader.EncodingName());
+}
+
+TEST(WaveReaderTest, MixesChannelsDownAndReadsOtherRatesAt16kHz) {
+  WaveLayout three;
+  three.channels = 3;
   const std::vector<int16_t> interleaved = {3, 4, 5, 1, 0, 0, -1, -1, 0, 32767, 32767, 32767};
   EXPECT_EQ((std::vector<int16_t>{4, 0, -1, 32767}),
-            ReadBytesAsWave(WaveBytes(Pcm16Bytes(interleaved), stereo)));
+            ReadBytesAsWave(WaveBytes(Pcm16Bytes(interleaved), three)));
+  EXPECT_EQ(kSamples, ReadBytesAsWave(WaveBytes(Pcm16Bytes(kSamples))));
+
+  // A second at 44.1 kHz is a second at 16 kHz; a constant stays that
+  // constant once the filter has the signal on both sides.
+  WaveLayout cd;
+  cd.rate = 44100;
+  const std::vector<int16_t> at_16k =
+      ReadBytesAsWave(WaveBytes(Pcm16Bytes(std::vector<int16_t>(44100, 1000)), cd));
+  ASSERT_EQ(16000u, at_16k.size());
+  EXPECT_EQ(1000, at_16k[8000]);
 }
 
 TEST(WaveReaderTest, RefusesOtherFormatsSayingWhatWasFoundAndHowToConvert) {
-  WaveLayout cd_float;
-  cd_float.format = 3;
-  cd_float.channels = 2;
-  cd_float.rate = 44100;
-  cd_float.bits = 32;
+  WaveLayout hifi;
+  hifi.format = 3;
+  hifi.channels = 2;
+  hifi.rate = 96000;
+  hifi.bits = 32;
   EXPECT_EQ(
-      "F: unsupported audio: 44100 Hz, 2 channels, 32-bit float; kestrel reads 16000 Hz 16-bit "
-      "PCM. Convert it first, for example: sox F -r 16000 -c 1 -b 16 -e signed-integer out.wav",
-      ErrorFor(WaveBytes(std::string(16, '\0'), cd_float)));
+      "F: unsupported audio: 96000 Hz, 2 channels, 32-bit float; kestrel reads 8-, 16-, 24- and "
+      "32-bit PCM and 32- and 64-bit float at 8000 to 48000 Hz. Convert it first, for example: "
+      "sox F -r 16000 -c 1 -b 16 -e signed-integer out.wav",
+      ErrorFor(WaveBytes(std::string(16, '\0'), hifi)));
 
-  WaveLayout eight_bit;
-  eight_bit.bits = 8;
+  WaveLayout twelve_bit;
+  twelve_bit.bits = 12;
   EXPECT_NE(std::string::npos,
-            ErrorFor(WaveBytes("ab", eight_bit)).find("16000 Hz, 1 channel, 8-bit PCM;"));
+            ErrorFor(WaveBytes("ab", twelve_bit)).find("16000 Hz, 1 channel, 12-bit PCM;"));
   WaveLayout mulaw_extensible;
   mulaw_extensible.format = 0xFFFE;
   mulaw_extensible.subformat = 7;
   EXPECT_NE(std::string::npos,
             ErrorFor(WaveBytes("ab", mulaw_extensible)).find("16000 Hz, 1 channel, mu-law;"));
+  WaveLayout slow;
+  slow.rate = 7999;
+  EXPECT_NE(std::string::npos, ErrorFor(WaveBytes("ab", slow)).find("7999 Hz, 1 channel"));
 }
 
-TEST(WaveReaderTest, RefusesDamagedFilesWithoutReadingPastThem) {
+TEST(WaveReaderTest, ReadsTruncatedAudioWithAWarningAndRefusesOtherDamage) {
   const std::string good = WaveBytes(Pcm16Bytes(kSamples));
+  std::vector<std::string> warnings;
+  EXPECT_EQ(3u, ReadFloats(good.substr(0, good.size() - 5), &warnings).size());
+  EXPECT_EQ(std::vector<std::string>{"F: truncated file: the \"data\" chunk declares 12 bytes "
+                                     "but only 7 follow; reading those."},
+            warnings);
+  warnings.clear();
+  EXPECT_EQ(1u, ReadFloats(WaveBytes("abc"), &warnings).size());
+  EXPECT_EQ(std::vector<std::string>{"F: the \"data\" chunk of 3 bytes ends inside a 2-byte "
+                                     "sample frame; ignoring its last 1 bytes."},
+            warnings);
+
   EXPECT_EQ("F: not a WAV file (no RIFF/WAVE header).", ErrorFor(""));
-  EXPECT_EQ("F: truncated file: the \"data\" chunk declares 12 bytes but only 7 follow.",
-            ErrorFor(good.substr(0, good.size() - 5)));
   EXPECT_EQ("F: malformed WAV file: no \"data\" chunk.", ErrorFor(good.substr(0, 36)));
+  EXPECT_EQ("F: truncated file: the \"fmt \" chunk declares 16 bytes but only 10 follow.",
+            ErrorFor(good.substr(0, 30)));
   EXPECT_EQ("F: malformed WAV file: \"data\" chunk before \"fmt \" chunk.",
             ErrorFor("RIFF" + Le32Bytes(12) + "WAVE" + Chunk("data", "ab")));
-  EXPECT_EQ("F: malformed WAV file: data chunk of 3 bytes is not a whole number of 2-byte "
-            "sample frames.",
-            ErrorFor(WaveBytes("abc")));
+  WaveLayout odd_align;
+  odd_align.channels = 2;
+  std::string bytes = WaveBytes("abcd", odd_align);
+  bytes[32] = 3;  // block align
+  EXPECT_EQ("F: malformed WAV file: block align 3 for 2 channels of 16 bits (4 expected).",
+            ErrorFor(bytes));
+  EXPECT_EQ("F: cannot open file.", KESTREL_ERROR_TEXT(WaveReader reader("/nonexistent/F")).substr(13));
 }
 
 // One Read: its signal and the samples it delivered (the matrix row by row).
@@ -268,6 +358,27 @@ TEST(WaveSourceTest, DeliversTheFileLikeAPushedStreamAndRewindsOnReset) {
   EXPECT_EQ(Block(kSignalEnd, {}), ReadBlock(&source));
   source.Reset();
   EXPECT_EQ(Block(0, {f.begin(), f.begin() + 4}), ReadBlock(&source));
+
+  // Another rate comes out resampled, all of it.
+  WaveLayout layout;
+  layout.rate = 24000;
+  const std::vector<int16_t> noise = Noise(3000, 1000, 2);
+  WriteBytes(path, WaveBytes(Pcm16Bytes(noise), layout));
+  std::vector<float> expected;
+  Resampler resampler(24000, 16000);
+  const std::vector<float> scaled(noise.begin(), noise.end());
+  resampler.Process(scaled.data(), scaled.size(), &expected);
+  resampler.Flush(&expected);
+  WaveSourceStream resampled(path, 700);
+  std::vector<float> got;
+  Block block;
+  do {
+    block = ReadBlock(&resampled);
+    EXPECT_GE(700u, block.second.size());
+    got.insert(got.end(), block.second.begin(), block.second.end());
+  } while (block.first != kSignalFlush);
+  EXPECT_EQ(2000u, got.size());
+  EXPECT_EQ(expected, got);
 }
 
 }  // namespace

@@ -25,10 +25,12 @@ struct CommandResult {
   }
 };
 
-// `kestrel <args>` with standard input from `input`.
-inline CommandResult RunKestrel(const std::string& args, const std::string& input = "/dev/null") {
+// `kestrel <args>` with standard input from `input`; `environment` (say
+// "HOME=/tmp/x ") precedes the command.
+inline CommandResult RunKestrel(const std::string& args, const std::string& input = "/dev/null",
+                                const std::string& environment = "") {
   const std::string out = TempPath("cli.out"), err = TempPath("cli.err");
-  const int raw = std::system((std::string("'") + KESTREL_CLI + "' " + args + " < '" + input +
+  const int raw = std::system((environment + "'" + KESTREL_CLI + "' " + args + " < '" + input +
                                "' > '" + out + "' 2> '" + err + "'").c_str());
   return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFileBytes(out), ReadFileBytes(err)};
 }

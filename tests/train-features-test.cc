@@ -12,7 +12,6 @@
 #include "feature-set.h"
 #include "frontend/filterbank-stream.h"
 #include "frontend/pcm-source-stream.h"
-#include "hotword-model-file.h"
 #include "hotword-units.h"
 #include "json-value.h"
 #include "posterior-scan.h"
@@ -370,9 +369,6 @@ class ScanTest : public ::testing::Test {
     }
     return m;
   }
-
-  TestDir dir_;
-  const std::string scratch_ = dir_.Path("");
 };
 
 TEST_F(ScanTest, DetectsThePatternAtItsEndInEveryClipIndependently) {
@@ -380,11 +376,11 @@ TEST_F(ScanTest, DetectsThePatternAtItsEndInEveryClipIndependently) {
   posteriors.Append(Posteriors(300, 100));
   posteriors.Append(Posteriors(300, 0));   // right at the start of the next clip
   posteriors.Append(Posteriors(300, 400));  // never complete
-  HotwordModelSettings settings = MakeHotwordSettings({0.2, 0.2}, 3, 1, 40, 0.05f, 0.3f);
+  HotwordModel settings = MakeHotwordSettings({0.2, 0.2}, 3, 1, 40, 0.05f, 0.3f);
   UniversalDetectStreamOptions options;
   for (int threads : {1, 2}) {
     std::vector<std::vector<int>> found =
-        ScanDetections(posteriors, settings, options, scratch_, threads);
+        ScanDetections(posteriors, settings, options, threads);
     ASSERT_EQ(found.size(), 3u);
     ASSERT_EQ(found[0].size(), 1u);
     EXPECT_GE(found[0][0], 130);
@@ -393,11 +389,10 @@ TEST_F(ScanTest, DetectsThePatternAtItsEndInEveryClipIndependently) {
     EXPECT_LE(found[1][0], 40);
     EXPECT_TRUE(found[2].empty());
   }
-  // A strict threshold finds nothing; no scratch files are left behind.
+  // A strict threshold finds nothing.
   settings.hotwords[0].sensitivity = 0.0f;
-  std::vector<std::vector<int>> none = ScanDetections(posteriors, settings, options, scratch_, 2);
+  std::vector<std::vector<int>> none = ScanDetections(posteriors, settings, options, 2);
   EXPECT_TRUE(none[0].empty() && none[1].empty());
-  EXPECT_TRUE(std::filesystem::is_empty(scratch_));
 }
 
 TEST_F(ScanTest, TuningFindsTheSensitivityBetweenHotwordsAndLookalikes) {
@@ -416,7 +411,6 @@ TEST_F(ScanTest, TuningFindsTheSensitivityBetweenHotwordsAndLookalikes) {
   options.span_factors = {1.0};
   options.floors = {0.05f};
   options.max_false_alarms_per_hour = 0.0;
-  options.scratch_dir = scratch_;
   std::vector<std::string> lines;
   std::vector<TunedSearch> tuned = TuneSearchMethods(
       clips, posteriors, {0.2, 0.2}, options, [&lines](const std::string& l) { lines.push_back(l); });
@@ -448,35 +442,17 @@ TEST_F(ScanTest, TuningFindsTheSensitivityBetweenHotwordsAndLookalikes) {
   }
 }
 
-TEST_F(ScanTest, ModelFilesRoundTripThroughTheWriterAndReader) {
-  HotwordModelSettings settings = MakeHotwordSettings({0.1, 0.3}, 7, 5, 80, 0.2f, 0.45f);
-  settings.hotwords[0].duration_pass = 2;
-  std::istringstream net("<Nnet> <Softmax> 3 3 </Nnet>");
-  Nnet nnet;
-  nnet.Read(false, &net);
-  for (bool binary : {true, false}) {
-    std::string path = dir_.Path("m.kmodel");
-    WriteHotwordModelFile(path, settings, nnet, binary);
-    HotwordModelSettings back;
-    Nnet back_net;
-    ReadHotwordModelFile(path, &back, &back_net);
-    EXPECT_EQ(back.smooth_window, 5);
-    EXPECT_EQ(back.slide_window, 80);
-    ASSERT_EQ(back.hotwords.size(), 1u);
-    const HotwordSettings& hw = back.hotwords[0];
-    EXPECT_EQ(hw.keyword, (std::vector<int32>{1, 2}));
-    EXPECT_EQ(hw.search_mask, (std::vector<int32>{0, 20, 80}));
-    EXPECT_EQ(hw.search_method, 7);
-    EXPECT_FLOAT_EQ(hw.sensitivity, 0.45f);
-    EXPECT_EQ(hw.search_floor, (std::vector<float>{0.2f, 0.2f}));
-    EXPECT_EQ(hw.duration_pass, 2);
-    EXPECT_EQ(back_net.OutputDim(), 3);
-    // The detector stage loads it too.
-    UniversalDetectStreamOptions options;
-    options.model_str = path;
-    UniversalDetectStream detector(options);
-    EXPECT_EQ(detector.SearchMethod(0, 0), 7);
-  }
+TEST_F(ScanTest, SettingsSpreadTheMaskByUnitDurations) {
+  const HotwordModel settings = MakeHotwordSettings({0.1, 0.3}, 7, 5, 80, 0.2f, 0.45f);
+  EXPECT_EQ(settings.smooth_window, 5);
+  EXPECT_EQ(settings.slide_window, 80);
+  ASSERT_EQ(settings.hotwords.size(), 1u);
+  const HotwordRecord& hw = settings.hotwords[0];
+  EXPECT_EQ(hw.keyword, (std::vector<int32>{1, 2}));
+  EXPECT_EQ(hw.search_mask, (std::vector<int32>{0, 20, 80}));
+  EXPECT_EQ(hw.search_method, 7);
+  EXPECT_FLOAT_EQ(hw.sensitivity, 0.45f);
+  EXPECT_EQ(hw.search_floor, (std::vector<float>{0.2f, 0.2f}));
 }
 
 }  // namespace

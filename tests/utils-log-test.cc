@@ -38,12 +38,17 @@ TEST(LogTest, WarningReturnsAndExplicitLineIsKept) {
   EXPECT_EQ(kKestrelWarning, capture.messages[0].type);
 }
 
-TEST(LogTest, DefaultHandlerWritesOneLineToStandardError) {
+TEST(LogTest, DefaultHandlerPrintsWarningsAndLeavesErrorsToTheException) {
   testing::internal::CaptureStderr();
   KESTREL_WARN("f") << "careful";
-  std::string out = testing::internal::GetCapturedStderr();
+  try {
+    KESTREL_ERR("f") << "broken";
+  } catch (const KestrelError&) {
+  }
+  const std::string out = testing::internal::GetCapturedStderr();
   EXPECT_EQ(0u, out.find("WARNING (f:"));
   EXPECT_NE(std::string::npos, out.find(") careful\n"));
+  EXPECT_EQ(std::string::npos, out.find("broken"));
 }
 
 std::vector<std::string> Split(const std::string& full, const std::string& delim) {

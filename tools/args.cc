@@ -3,9 +3,16 @@
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
+#include <iostream>
 #include <sstream>
 
+#include "commands.h"
 #include "detect/universal-detect-stream.h"
+#include "facade/hotword-detector.h"
+#include "model/hotword-model.h"
+#include "utils/kestrel-globals.h"
+#include "utils/kestrel-log.h"
+#include "utils/kestrel-utils.h"
 
 namespace kestrel {
 
@@ -104,6 +111,21 @@ bool ArgParser::Parse(int argc, char** argv, int first, std::vector<std::string>
   return true;
 }
 
+bool ArgParser::ParseCommand(int argc, char** argv, std::vector<std::string>* positional,
+                             int* status) {
+  std::string error;
+  if (!Parse(argc, argv, 2, positional, &error)) {
+    *status = UsageError(argv[1], error);
+    return false;
+  }
+  if (HelpRequested()) {
+    std::cout << Help();
+    *status = kExitOk;
+    return false;
+  }
+  return true;
+}
+
 std::string ArgParser::Help() const {
   std::ostringstream os;
   os << "usage: " << usage_ << "\n\n" << description_ << "\n";
@@ -130,6 +152,75 @@ std::string ArgParser::Help() const {
   }
   os << "  --help                  show this help\n";
   return os.str();
+}
+
+void AddDetectorOptions(ArgParser* parser, DetectorArgs* args) {
+  HotwordDetectorOptions& o = args->options;
+  parser->AddString("model-str", &args->model_str,
+                    "model files (.kmodel), comma-separated; required");
+  parser->AddString("sensitivity-str", &args->sensitivity_str,
+                    "sensitivities in [0, 1], higher detects more: one\n"
+                    "for all hotwords, one per model or one per hotword,\n"
+                    "comma-separated (default: the models' own)");
+  parser->AddString("high-sensitivity-str", &args->high_sensitivity_str,
+                    "sensitivities used for a while after a near miss,\n"
+                    "as above (default: --sensitivity-str, which turns\n"
+                    "that mode off)");
+  parser->AddInt("slide-step", &o.slide_step, "feature frames per search step");
+  parser->AddInt("min-state-frames", &o.min_state_frames,
+                 "frames each unit must last in the Viterbi\nsearches");
+  parser->AddInt("num-piece-layouts", &o.num_piece_layouts,
+                 "piece layouts per hotword in the piecewise\nsearch");
+  parser->AddInt("refractory-frames", &o.refractory_frames,
+                 "frames after a detection in which no other\nis reported");
+  parser->AddString("smooth-window-str", &args->smooth_window_str,
+                    "posterior smoothing window in frames, one per\n"
+                    "model, comma-separated (default: the models' own)");
+  parser->AddString("slide-window-str", &args->slide_window_str,
+                    "search window in frames, one per model,\n"
+                    "comma-separated (default: the models' own)");
+  parser->AddFlag("no-order-check", &o.no_order_check,
+                  "naive search: skip its floor and unit-order tests");
+  parser->AddString("hotword-names", &args->hotword_names,
+                    "names to print, one per hotword in number order,\ncomma-separated");
+}
+
+bool MakeDetectorOptions(const DetectorArgs& args, HotwordDetectorOptions* options,
+                         std::string* error) {
+  if (args.model_str.empty()) {
+    *error = "--model-str is required";
+    return false;
+  }
+  if (args.options.slide_step < 1) {
+    *error = "--slide-step must be at least 1";
+    return false;
+  }
+  *options = args.options;
+  const std::string& delimiter = global_kestrel_string_delimiter;
+  std::vector<std::string> paths;
+  SplitStringToVector(args.model_str, delimiter, &paths);
+  if (paths.empty()) {
+    *error = "--model-str names no file: \"" + args.model_str + "\"";
+    return false;
+  }
+  std::string option;  // the list being parsed, for the message
+  try {
+    option = "--sensitivity-str";
+    SplitStringToFloats(args.sensitivity_str, delimiter, &options->sensitivities);
+    option = "--high-sensitivity-str";
+    SplitStringToFloats(args.high_sensitivity_str, delimiter, &options->high_sensitivities);
+    option = "--smooth-window-str";
+    SplitStringToIntegers(args.smooth_window_str, delimiter, &options->smooth_windows);
+    option = "--slide-window-str";
+    SplitStringToIntegers(args.slide_window_str, delimiter, &options->slide_windows);
+  } catch (const KestrelError& e) {
+    *error = option + ": " + e.what();
+    return false;
+  }
+  SplitStringToVector(args.hotword_names, delimiter, &options->hotword_names);
+  options->models.clear();
+  for (const std::string& path : paths) options->models.push_back(HotwordModel::ReadFile(path));
+  return true;
 }
 
 void AddCorpusScanOptions(ArgParser* parser, UniversalDetectStreamOptions* detector) {

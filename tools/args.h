@@ -12,11 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "facade/hotword-detector.h"
 #include "utils/kestrel-types.h"
 
 namespace kestrel {
-
-struct UniversalDetectStreamOptions;
 
 // Exit codes of every command.
 constexpr int kExitOk = 0;
@@ -37,6 +36,12 @@ class ArgParser {
   bool Parse(int argc, char** argv, int first, std::vector<std::string>* positional,
              std::string* error);
   bool HelpRequested() const { return help_requested_; }
+
+  // Every command's preamble: parses the command's arguments (argv[2] on;
+  // argv[1] names the command) and returns true when the command should run.
+  // Otherwise it has printed the help (*status kExitOk) or reported the
+  // malformed command line (UsageError, *status kExitUsage).
+  bool ParseCommand(int argc, char** argv, std::vector<std::string>* positional, int* status);
 
   // Usage, description and one entry per option with its default.
   std::string Help() const;
@@ -59,6 +64,29 @@ class ArgParser {
   std::vector<Option> options_;
   bool help_requested_ = false;
 };
+
+// The detector options of the commands that run HotwordDetector (detect, and
+// any other that listens for hotwords): AddDetectorOptions registers them,
+// MakeDetectorOptions turns them into the facade's typed options.
+struct DetectorArgs {
+  // Comma-separated lists as typed (--model-str, --sensitivity-str, ...).
+  std::string model_str;
+  std::string sensitivity_str;
+  std::string high_sensitivity_str;
+  std::string smooth_window_str;
+  std::string slide_window_str;
+  std::string hotword_names;
+  // The parser writes the scalar settings straight into these options;
+  // MakeDetectorOptions adds the lists and the models.
+  HotwordDetectorOptions options;
+};
+void AddDetectorOptions(ArgParser* parser, DetectorArgs* args);
+// Checks and parses the lists: false with a one-line *error for a bad command
+// line (no models, a step below 1, a value that is not a number). Then loads
+// the models, and errors that concern them (an unreadable or malformed file)
+// are KestrelError exceptions, whose text the caller reports.
+bool MakeDetectorOptions(const DetectorArgs& args, HotwordDetectorOptions* options,
+                         std::string* error);
 
 // The detector options that the corpus commands (train, evaluate) let the
 // user set when they run the detector over stored network outputs.

@@ -1,12 +1,11 @@
 // kestrel convert: a model file rewritten in binary or text form.
 #include <iostream>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "args.h"
 #include "commands.h"
-#include "detect/universal-detect-stream.h"
+#include "model/hotword-model.h"
 #include "utils/kestrel-log.h"
 
 namespace kestrel {
@@ -21,19 +20,13 @@ int RunConvert(int argc, char** argv) {
   parser.AddFlag("binary", &binary, "write the compact binary form");
   parser.AddFlag("text", &text, "write the readable text form");
   std::vector<std::string> files;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &files, &error)) return UsageError("convert", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &files, &status)) return status;
   if (files.size() != 2) return UsageError("convert", "give one input and one output file");
   if (binary == text) return UsageError("convert", "give exactly one of --binary and --text");
 
-  UniversalDetectStreamOptions options;
-  options.model_str = files[0];
   try {
-    UniversalDetectStream(options).WriteHotwordModel(binary, files[1]);
+    HotwordModel::ReadFile(files[0]).WriteFile(files[1], binary);
   } catch (const KestrelError& e) {
     return Failure(files[0] + " -> " + files[1] + ": " + e.what());
   }

@@ -14,7 +14,6 @@
 #include "commands.h"
 #include "corpus-split.h"
 #include "det-evaluation.h"
-#include "hotword-model-file.h"
 #include "posterior-scan.h"
 #include "search-tuning.h"
 #include "utils/kestrel-log.h"
@@ -22,8 +21,6 @@
 
 namespace kestrel {
 namespace {
-
-void Progress(const std::string& line) { std::cerr << line << std::endl; }
 
 // Sensitivities from `centre` - `radius` to `centre` + `radius` in `step`s,
 // kept within [0, 1].
@@ -68,9 +65,15 @@ struct EvaluateConfig {
 int Evaluate(const EvaluateConfig& config, const std::string& model_path,
              const UniversalDetectStreamOptions& detector) {
   auto start = std::chrono::steady_clock::now();
-  HotwordModelSettings model;
-  Nnet nnet;
-  ReadHotwordModelFile(model_path, &model, &nnet);
+  HotwordModel model;
+  try {
+    model = HotwordModel::ReadFile(model_path);
+  } catch (const KestrelError& e) {
+    return Failure(model_path + ": " + e.what());
+  }
+  // The network runs once per clip; the sweeps below copy the settings only.
+  const Nnet nnet = std::move(model.nnet);
+  model.nnet = Nnet();
   if (model.hotwords.size() != 1) {
     return Failure(model_path + ": evaluation needs a model with exactly one hotword, found " +
                    std::to_string(model.hotwords.size()));
@@ -82,7 +85,6 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
   tuning.max_false_alarms_per_hour = ConvertStringToIntegerOrFloat<double>(config.max_fa);
   tuning.max_near_phrase_accept_rate = ConvertStringToIntegerOrFloat<double>(config.max_near);
   const std::string cache = config.cache_dir.empty() ? config.corpus : config.cache_dir;
-  tuning.scratch_dir = cache;
   SplitStringToIntegers<int32>(config.methods, ",", &tuning.methods);
 
   CorpusSplit test = LoadCorpusSplit(config.corpus, config.split, cache, config.threads, Progress);
@@ -93,11 +95,11 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
   // The model as it is, over a sweep around its own sensitivity.
   std::vector<NamedCurve> curves;
   const float shipped = model.hotwords[0].sensitivity;
-  curves.push_back({"model: " + SearchMethodName(model.hotwords[0].search_method),
+  curves.push_back({"model: " + SearchMethodLabel(model.hotwords[0].search_method),
                     SweepSensitivities(test.clips, test_posteriors, model,
                                        SensitivityGrid(shipped, 0.2f, 0.01f), tuning)});
   const std::vector<std::vector<int>> shipped_detections =
-      ScanDetections(test_posteriors, model, tuning.detector, cache, config.threads);
+      ScanDetections(test_posteriors, model, tuning.detector, config.threads);
   const OperatingPoint at_shipped =
       CountOperatingPoint(test.clips, shipped_detections, tuning.tolerance_seconds);
 
@@ -111,7 +113,7 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
                               tuning, Progress);
     for (const TunedSearch& t : tuned) {
       const float s = t.settings.hotwords[0].sensitivity;
-      curves.push_back({SearchMethodName(t.settings.hotwords[0].search_method),
+      curves.push_back({SearchMethodLabel(t.settings.hotwords[0].search_method),
                         SweepSensitivities(test.clips, test_posteriors, t.settings,
                                            SensitivityGrid(s, 0.2f, 0.01f), tuning)});
       Progress("swept " + curves.back().name);
@@ -149,7 +151,7 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
   if (!tuned.empty()) {
     out << "| search | smooth | span | floor | tuned sensitivity |\n|---|---|---|---|---|\n";
     for (const TunedSearch& t : tuned) {
-      out << "| " << SearchMethodName(t.settings.hotwords[0].search_method) << " | "
+      out << "| " << SearchMethodLabel(t.settings.hotwords[0].search_method) << " | "
           << t.settings.smooth_window << " | " << t.settings.slide_window << " | "
           << t.settings.hotwords[0].search_floor[0] << " | " << t.point.sensitivity << " |\n";
     }
@@ -202,12 +204,8 @@ int RunEvaluate(int argc, char** argv) {
   parser.AddInt("threads", &config.threads, "worker threads");
   AddCorpusScanOptions(&parser, &detector);
   std::vector<std::string> positional;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &positional, &error)) return UsageError("evaluate", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &positional, &status)) return status;
   if (config.corpus.empty()) return UsageError("evaluate", "--corpus is required");
   if (positional.size() != 1) return UsageError("evaluate", "give exactly one model file");
   if (config.threads < 1) return UsageError("evaluate", "--threads must be at least 1");

@@ -17,15 +17,12 @@ int RunFeatures(int argc, char** argv) {
       "kestrel features IN.wav OUT.npy",
       "Computes the log-mel filterbank features that the detector sees (40 bins,\n"
       "one row per 10 ms frame of 25 ms) and writes them as a float32 NumPy\n"
-      "array of shape (frames, 40). IN must be 16 kHz 16-bit PCM; several\n"
-      "channels are mixed down. A last frame shorter than 25 ms is not computed.");
+      "array of shape (frames, 40). IN may be any WAV file that detect reads:\n"
+      "other rates are resampled to 16 kHz, several channels are mixed down. A\n"
+      "last frame shorter than 25 ms is not computed.");
   std::vector<std::string> files;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &files, &error)) return UsageError("features", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &files, &status)) return status;
   if (files.size() != 2) return UsageError("features", "give one WAV file and one .npy file");
 
   try {

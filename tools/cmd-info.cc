@@ -1,34 +1,20 @@
 // kestrel info: what a set of model files holds.
 #include <iostream>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "args.h"
 #include "commands.h"
+#include "detect/piece-layouts.h"
 #include "detect/universal-detect-stream.h"
+#include "model/hotword-model.h"
 #include "nnet/nnet-component.h"
 #include "nnet/nnet-splice.h"
-#include "utils/kestrel-globals.h"
 #include "utils/kestrel-log.h"
 
 namespace kestrel {
 namespace {
-
-const char* SearchMethodName(int32 code) {
-  switch (code) {
-    case 1: return "naive";
-    case 2: return "DTW";
-    case 3: return "Viterbi";
-    case 4: return "piecewise";
-    case 5: return "Viterbi with reduplication";
-    case 6: return "soft-floor Viterbi";
-    case 7: return "Viterbi with traceback";
-    case 8: return "log-domain Viterbi with traceback";
-    default: return "unknown";
-  }
-}
 
 std::string Frames(int32 frames) {
   std::ostringstream os;
@@ -51,25 +37,35 @@ std::string Offsets(const std::vector<int32>& offsets) {
   return os.str();
 }
 
-void PrintModel(const UniversalDetectStream& detector, int m, const std::string& file) {
-  std::cout << file << "\n"
-            << "  windows: smoothing " << Frames(detector.SmoothWindow(m)) << ", search "
-            << Frames(detector.SlideWindow(m)) << "\n";
-  for (int k = 0; k < detector.NumHotwords(m); ++k) {
-    std::cout << "  hotword " << detector.HotwordId(m, k) << ": units [";
-    const std::vector<int32>& units = detector.Keyword(m, k);
-    for (size_t i = 0; i < units.size(); ++i) std::cout << (i ? " " : "") << units[i];
-    const int32 method = detector.SearchMethod(m, k);
-    std::cout << "], sensitivity " << detector.Sensitivity(m, k) << ", search " << method << " ("
-              << SearchMethodName(method) << ")";
-    const auto& layouts = detector.PieceLayouts(m, k);
-    if (!layouts.empty()) {
-      std::cout << ", " << detector.NumPieceLayouts(m, k) << " piece layouts of "
-                << layouts[0].size() << " pieces";
+// Hotwords are numbered on from `first_hotword`, as the detector numbers
+// them over its models.
+void PrintModel(const HotwordModel& model, int first_hotword) {
+  std::cout << model.name << "\n"
+            << "  windows: smoothing " << Frames(model.smooth_window) << ", search "
+            << Frames(model.slide_window) << "\n";
+  const bool piecewise = IsPiecewiseModel(model);
+  for (size_t k = 0; k < model.hotwords.size(); ++k) {
+    const HotwordRecord& hotword = model.hotwords[k];
+    std::cout << "  hotword " << first_hotword + k << ": units [";
+    for (size_t i = 0; i < hotword.keyword.size(); ++i) {
+      std::cout << (i ? " " : "") << hotword.keyword[i];
+    }
+    std::cout << "], sensitivity " << hotword.sensitivity << ", search "
+              << hotword.search_method << " (" << SearchMethodName(hotword.search_method) << ")";
+    if (piecewise) {
+      // As the detector derives them with its default number of layouts.
+      int32 num_searched = 0;
+      const auto layouts =
+          MakePieceLayouts(static_cast<int64>(hotword.keyword.size()), hotword.num_pieces,
+                           UniversalDetectStreamOptions().num_piece_layouts, &num_searched);
+      if (!layouts.empty()) {
+        std::cout << ", " << num_searched << " piece layouts of " << layouts[0].size()
+                  << " pieces";
+      }
     }
     std::cout << "\n";
   }
-  const Nnet& nnet = detector.GetNnet(m);
+  const Nnet& nnet = model.nnet;
   std::cout << "  network: " << nnet.InputDim() << " inputs, " << nnet.OutputDim()
             << " outputs, " << nnet.NumComponents() << " components\n";
   for (int i = 0; i < nnet.NumComponents(); ++i) {
@@ -93,25 +89,24 @@ int RunInfo(int argc, char** argv) {
                    "order), units, sensitivity and search method; and the network's layers\n"
                    "with their dimensions. Windows are in 10 ms feature frames.");
   std::vector<std::string> models;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &models, &error)) return UsageError("info", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &models, &status)) return status;
   if (models.empty()) return UsageError("info", "no model files given");
 
-  UniversalDetectStreamOptions options;
-  for (size_t i = 0; i < models.size(); ++i) {
-    options.model_str += (i ? global_kestrel_string_delimiter : "") + models[i];
+  // All are read before any is shown, so a bad file prints nothing.
+  std::vector<HotwordModel> loaded;
+  for (const std::string& path : models) {
+    try {
+      loaded.push_back(HotwordModel::ReadFile(path));
+    } catch (const KestrelError& e) {
+      return Failure("cannot load " + path + ": " + e.what());
+    }
   }
-  std::unique_ptr<UniversalDetectStream> detector;
-  try {
-    detector = std::make_unique<UniversalDetectStream>(options);
-  } catch (const KestrelError& e) {
-    return Failure("cannot load " + options.model_str + ": " + e.what());
+  int first_hotword = 1;
+  for (const HotwordModel& model : loaded) {
+    PrintModel(model, first_hotword);
+    first_hotword += static_cast<int>(model.hotwords.size());
   }
-  for (int m = 0; m < detector->NumModels(); ++m) PrintModel(*detector, m, models[m]);
   return kExitOk;
 }
 

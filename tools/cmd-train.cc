@@ -12,7 +12,6 @@
 #include "args.h"
 #include "commands.h"
 #include "corpus-split.h"
-#include "hotword-model-file.h"
 #include "hotword-trainer.h"
 #include "hotword-units.h"
 #include "posterior-scan.h"
@@ -56,8 +55,6 @@ class Timer {
   Clock::time_point start_ = Clock::now();
 };
 
-void Progress(const std::string& line) { std::cerr << line << std::endl; }
-
 std::vector<std::vector<int>> LabelsOf(const CorpusSplit& split, const HotwordUnits& units) {
   std::vector<std::vector<int>> labels;
   for (size_t c = 0; c < split.clips.size(); ++c) {
@@ -93,7 +90,6 @@ int Train(TrainConfig config, const UniversalDetectStreamOptions& detector) {
   tuning.num_threads = config.threads;
   tuning.max_false_alarms_per_hour = ConvertStringToIntegerOrFloat<double>(config.max_fa);
   tuning.max_near_phrase_accept_rate = ConvertStringToIntegerOrFloat<double>(config.max_near);
-  tuning.scratch_dir = cache;
   SplitStringToIntegers<int32>(config.methods, ",", &tuning.methods);
   if (tuning.methods.empty()) return UsageError("train", "--methods names no search method");
   FeatureSet dev_posteriors = ComputePosteriors(nnet, dev.features, config.threads);
@@ -102,15 +98,17 @@ int Train(TrainConfig config, const UniversalDetectStreamOptions& detector) {
   const TunedSearch& best = tuned[BestTunedSearch(tuned)];
   const double tuning_seconds = tuning_timer.Seconds();
 
-  WriteHotwordModelFile(config.out, best.settings, nnet, !config.text);
-  const HotwordSettings& hw = best.settings.hotwords[0];
+  HotwordModel model = best.settings;
+  model.nnet = std::move(nnet);
+  model.WriteFile(config.out, !config.text);
+  const HotwordRecord& hw = model.hotwords[0];
 
   std::ostringstream report;
   report.setf(std::ios::fixed);
   report.precision(3);
   report << "model: " << config.out << " (" << std::filesystem::file_size(config.out) << " bytes)\n"
          << "units: " << units.Describe() << "\n"
-         << "search: " << SearchMethodName(hw.search_method) << ", smooth window "
+         << "search: " << SearchMethodLabel(hw.search_method) << ", smooth window "
          << best.settings.smooth_window << ", slide window " << best.settings.slide_window
          << ", floor " << hw.search_floor[0] << ", sensitivity " << hw.sensitivity << "\n"
          << config.dev_split << " at that sensitivity: FRR " << 100.0 * best.point.FalseRejectionRate()
@@ -177,12 +175,8 @@ int RunTrain(int argc, char** argv) {
   parser.AddFlag("text", &config.text, "write the model in text form");
   AddCorpusScanOptions(&parser, &detector);
   std::vector<std::string> positional;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &positional, &error)) return UsageError("train", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &positional, &status)) return status;
   if (config.corpus.empty()) return UsageError("train", "--corpus is required");
   if (config.out.empty()) return UsageError("train", "--out is required");
   if (!positional.empty()) return UsageError("train", "unexpected argument \"" + positional[0] + "\"");

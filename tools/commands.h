@@ -12,7 +12,10 @@ int RunDetect(int argc, char** argv);
 int RunInfo(int argc, char** argv);
 int RunConvert(int argc, char** argv);
 int RunFeatures(int argc, char** argv);
-// Built when the training tools are (train/ adds their sources).
+// Built where ALSA is found.
+int RunListen(int argc, char** argv);
+// Built when the server library is (server/ needs nlohmann-json3-dev).
+int RunServe(int argc, char** argv);
 int RunTrain(int argc, char** argv);
 int RunEvaluate(int argc, char** argv);
 
@@ -21,6 +24,8 @@ int RunEvaluate(int argc, char** argv);
 int UsageError(const std::string& command, const std::string& message);
 // "kestrel: <message>" on standard error, one line; returns kExitFailure.
 int Failure(const std::string& message);
+// A progress line of a long command (train, evaluate) on standard error.
+void Progress(const std::string& line);
 
 }  // namespace kestrel
 

@@ -6,6 +6,7 @@
 
 #include "args.h"
 #include "commands.h"
+#include "kestrel/kestrel.h"
 #include "utils/kestrel-log.h"
 
 namespace kestrel {
@@ -22,16 +23,21 @@ const Command kCommands[] = {
     {"info", RunInfo, "show the hotwords, settings and network of model files"},
     {"convert", RunConvert, "rewrite a model file in binary or text form"},
     {"features", RunFeatures, "write the filterbank features of a WAV file as NumPy .npy"},
-#ifdef KESTREL_WITH_TRAINING
+#ifdef KESTREL_WITH_ALSA
+    {"listen", RunListen, "find hotwords in live audio from a microphone (ALSA)"},
+#endif
+#ifdef KESTREL_WITH_SERVER
+    {"serve", RunServe, "serve hotword detection to Home Assistant (Wyoming protocol)"},
+#endif
     {"train", RunTrain, "train a hotword model from a corpus"},
     {"evaluate", RunEvaluate, "measure a model's detections and false alarms on a corpus"},
-#endif
 };
 
 std::string MainHelp() {
   std::string help =
-      "usage: kestrel <command> [options] [arguments]\n\n"
-      "Hotword (wake-word) detection with .kmodel files on 16 kHz 16-bit audio.\n\n"
+      "usage: kestrel <command> [options] [arguments]\n"
+      "       kestrel --version\n\n"
+      "Hotword (wake-word) detection with .kmodel files.\n\n"
       "commands:\n";
   for (const Command& c : kCommands) {
     help += "  " + std::string(c.name) + std::string(10 - std::strlen(c.name), ' ') + c.summary + "\n";
@@ -59,6 +65,8 @@ int Failure(const std::string& message) {
   return kExitFailure;
 }
 
+void Progress(const std::string& line) { std::cerr << line << std::endl; }
+
 }  // namespace kestrel
 
 int main(int argc, char** argv) {
@@ -76,6 +84,10 @@ int main(int argc, char** argv) {
   const std::string name = argv[1];
   if (name == "--help" || name == "-h" || name == "help") {
     std::cout << MainHelp();
+    return kExitOk;
+  }
+  if (name == "--version") {
+    std::cout << "kestrel " << kestrel_version() << "\n";
     return kExitOk;
   }
   for (const Command& c : kCommands) {

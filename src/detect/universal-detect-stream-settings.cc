@@ -16,17 +16,45 @@ const char kLogFile[] = "universal-detect-stream";
 }  // namespace
 
 void UniversalDetectStream::SetSensitivity(const std::string& sensitivity_str) {
-  SetSensitivityList(sensitivity_str, &sensitivities_);
+  std::vector<float> values;
+  SplitStringToFloats(sensitivity_str, global_kestrel_string_delimiter, &values);
+  SetSensitivityList(values, &sensitivities_);
 }
 
 void UniversalDetectStream::SetHighSensitivity(const std::string& high_sensitivity_str) {
-  SetSensitivityList(high_sensitivity_str, &high_sensitivities_);
+  std::vector<float> values;
+  SplitStringToFloats(high_sensitivity_str, global_kestrel_string_delimiter, &values);
+  SetSensitivityList(values, &high_sensitivities_);
 }
 
-void UniversalDetectStream::SetSensitivityList(const std::string& str,
+void UniversalDetectStream::SetSensitivity(const std::vector<float>& values) {
+  SetSensitivityList(values, &sensitivities_);
+}
+
+void UniversalDetectStream::SetHighSensitivity(const std::vector<float>& values) {
+  SetSensitivityList(values, &high_sensitivities_);
+}
+
+void UniversalDetectStream::SetSensitivity(int model_id, int hotword, float value) {
+  SetHotwordValue(model_id, hotword, value, &sensitivities_);
+}
+
+void UniversalDetectStream::SetHighSensitivity(int model_id, int hotword, float value) {
+  SetHotwordValue(model_id, hotword, value, &high_sensitivities_);
+}
+
+void UniversalDetectStream::SetHotwordValue(int model_id, int hotword, float value,
+                                            std::vector<std::vector<float>>* target) {
+  if (model_id < 0 || model_id >= NumModels() || hotword < 0 ||
+      hotword >= static_cast<int>((*target)[model_id].size())) {
+    KESTREL_ERR(kLogFile) << Name() << ": there is no hotword " << hotword << " of model "
+                          << model_id << " (both counted from 0).";
+  }
+  (*target)[model_id][hotword] = value;
+}
+
+void UniversalDetectStream::SetSensitivityList(const std::vector<float>& values,
                                                std::vector<std::vector<float>>* target) {
-  std::vector<float> values;
-  SplitStringToFloats(str, global_kestrel_string_delimiter, &values);
   const size_t num_models = target->size();
   // Counted rather than read off the last hotword number, so that a last
   // model without hotwords counts too.

@@ -40,17 +40,31 @@ UniversalDetectStream::UniversalDetectStream(const UniversalDetectStreamOptions&
     KestrelLogMsg(kNoModelLine, kLogFile, __PRETTY_FUNCTION__, kKestrelError, 0).stream()
         << Name() << ": please specify models through --model-str.";
   }
+  CheckSlideStep(__PRETTY_FUNCTION__);
+  ReadHotwordModel(options_.model_str);
+  ApplyOptionStrings();
+}
+
+UniversalDetectStream::UniversalDetectStream(const UniversalDetectStreamOptions& options,
+                                             std::vector<HotwordModel> models)
+    : options_(options) {
+  CheckSlideStep(__PRETTY_FUNCTION__);
+  LoadModels(std::move(models));
+  ApplyOptionStrings();
+}
+
+void UniversalDetectStream::CheckSlideStep(const char* function) const {
   if (options_.slide_step < 1) {
-    KestrelLogMsg(kBadSlideStepLine, kLogFile, __PRETTY_FUNCTION__, kKestrelError, 0).stream()
+    KestrelLogMsg(kBadSlideStepLine, kLogFile, function, kKestrelError, 0).stream()
         << Name() << ": slide step size should be positive.";
   }
+}
+
+void UniversalDetectStream::ApplyOptionStrings() {
   // Negated through unsigned so that every option value is defined.
   last_detection_frame_ =
       static_cast<int32>(0u - static_cast<uint32>(options_.refractory_frames));
   last_detection_frame_copy_ = last_detection_frame_;
-
-  ReadHotwordModel(options_.model_str);
-
   if (!options_.smooth_window_str.empty()) SetSmoothWindowSize(options_.smooth_window_str);
   if (!options_.slide_window_str.empty()) SetSlideWindowSize(options_.slide_window_str);
   if (!options_.sensitivity_str.empty()) SetSensitivity(options_.sensitivity_str);
@@ -112,6 +126,7 @@ int UniversalDetectStream::Read(Matrix* data, std::vector<FrameInfo>* frame_info
       PushSlideWindow(m, posteriors.RowRange(start, length));
       const int32 frame = posterior_info[end].frame_id;
       const int hotword = ChooseDetectedHotword(m, frame);
+      if (step_observer_) step_observer_(m, posterior_info[start].frame_id, step_scores_, hotword);
       if (hotword >= 0) {
         last_detection_frame_ = frame;
         last_detection_frame_copy_ = frame;
@@ -140,15 +155,19 @@ int UniversalDetectStream::ChooseDetectedHotword(int model_id, int32 frame_id) {
                 static_cast<float>(last_detection_frame_));
   float best = 0.0f;
   int best_k = -1;
+  const bool observed = static_cast<bool>(step_observer_);
+  if (observed) step_scores_.assign(keywords_[m].size(), 0.0f);
   for (int k = 0; k < static_cast<int>(keywords_[m].size()); ++k) {
     const float normal_threshold = 1.0f - sensitivities_[m][k];
     const float high_threshold = 1.0f - high_sensitivities_[m][k];
     // Every hotword is scored on every step (some searches keep state),
     // unless its score provably lies below both thresholds: any such score
     // leads to the same decisions below.
-    const float score = SearchRuledOut(m, k, std::min(normal_threshold, high_threshold))
-                            ? -std::numeric_limits<float>::infinity()
-                            : GetHotwordPosterior(m, k, frame_id);
+    const float score =
+        !observed && SearchRuledOut(m, k, std::min(normal_threshold, high_threshold))
+            ? -std::numeric_limits<float>::infinity()
+            : GetHotwordPosterior(m, k, frame_id);
+    if (observed) step_scores_[k] = score;
     bool high_rule = high_sensitivity_mode_;
     if (near_miss_pending_ && FramesSince(frame_id, near_miss_frame_) > kNearMissDelayFrames) {
       near_miss_pending_ = false;
@@ -184,6 +203,7 @@ int UniversalDetectStream::ChooseDetectedHotword(int model_id, int32 frame_id) {
       best_k = k;
     }
   }
+  if (best_k >= 0) last_detection_score_ = best;
   return best_k;
 }
 

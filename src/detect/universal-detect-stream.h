@@ -8,9 +8,10 @@
 // that passes the hotword's sensitivity is a detection, returned as a 1 x 1
 // matrix holding the hotword's number (1-based over all models, in load order).
 //
-// Models come from universal model files (".kmodel"), binary or text, named
-// in `model_str` and joined by global_kestrel_string_delimiter. Each file holds
-// the settings of one or more hotwords followed by one network.
+// Models come from universal model files (".kmodel", see HotwordModel),
+// binary or text, named in `model_str` and joined by
+// global_kestrel_string_delimiter, or are handed over already loaded. Each
+// holds the settings of one or more hotwords followed by one network.
 //
 // Ownership: the stage owns its networks, windows and all per-model state; it
 // borrows the upstream stage. Threads: none of its own; one thread at a time
@@ -21,14 +22,21 @@
 #define KESTREL_DETECT_UNIVERSAL_DETECT_STREAM_H_
 
 #include <deque>
+#include <functional>
+#include <utility>
 #include <string>
 #include <vector>
 
+#include "detect/piece-layouts.h"
+#include "model/hotword-model.h"
 #include "nnet/frame-info.h"
 #include "nnet/nnet.h"
 #include "stream/stream-itf.h"
 #include "utils/kestrel-matrix.h"
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -52,8 +60,8 @@ struct UniversalDetectStreamOptions {
   // High sensitivities (used after a near miss). Empty: same as
   // sensitivity_str, which disables the near-miss mode.
   std::string high_sensitivity_str;
-  // Model files, joined by global_kestrel_string_delimiter. Required
-  // (command-line form: --model-str).
+  // Model files, joined by global_kestrel_string_delimiter. Required unless
+  // the models are handed to the constructor (command-line form: --model-str).
   std::string model_str;
   // Smoothing window lengths, one per model. Empty: the models' own values.
   std::string smooth_window_str;
@@ -65,14 +73,8 @@ struct UniversalDetectStreamOptions {
 
 class UniversalDetectStream : public StreamItf {
  public:
-  // One piece of a hotword for the piecewise search: the units
-  // [first_unit, end_unit) of its keyword, searched over the span_frames
-  // frames before the current one.
-  struct PieceInfo {
-    int32 span_frames = 0;
-    int32 first_unit = 0;
-    int32 end_unit = 0;
-  };
+  // One piece of a hotword for the piecewise search (piece-layouts.h).
+  using PieceInfo = kestrel::PieceInfo;
 
   // Checks the options, loads every model of options.model_str and applies
   // the option strings. Throws KestrelError on bad options or model files.
@@ -82,10 +84,18 @@ class UniversalDetectStream : public StreamItf {
   // a negative <NumKws>; a network without outputs or with more than 65536;
   // a <Kw> unit that is not a network output; a <SearchFloor> with fewer
   // values than the keyword has units (a longer one is cut to the keyword);
-  // and, for search methods 2 to 8, an empty keyword or a <SearchMask> with
-  // fewer than units + 1 entries. A model may hold no hotwords; it is loaded,
-  // run and written like any other, and has no piece layouts.
+  // for search methods 2 to 8, an empty keyword; and a <SearchMask> without
+  // an entry its search reads (DTW: fewer than units + 1; the span-based
+  // searches 3, 5 to 8: empty). A mask is otherwise taken as stored, whatever
+  // its length (see HotwordModel::Check). A model may hold no hotwords; it is
+  // loaded, run and written like any other, and has no piece layouts.
   explicit UniversalDetectStream(const UniversalDetectStreamOptions& options);
+  // As above, with models already loaded (files or memory) in place of the
+  // files of options.model_str, which then only names where UpdateModel
+  // writes (nothing when empty). Each model is checked as a file would be
+  // (HotwordModel::Check); messages name it by its `name`.
+  UniversalDetectStream(const UniversalDetectStreamOptions& options,
+                        std::vector<HotwordModel> models);
   ~UniversalDetectStream() override;
 
   // Pulls one block from upstream and processes it (see the class comment).
@@ -99,8 +109,27 @@ class UniversalDetectStream : public StreamItf {
   // Resets every network's held-back context and the detection state.
   bool Reset() override;
 
+  // The score that passed for the detection the last Read returned (its
+  // hotword's search score); 0 before any detection.
+  float LastDetectionScore() const { return last_detection_score_; }
+
+  // Sees every search step of every model, for plotting scores and tuning
+  // thresholds: `frame_id` is the step's first frame (as a detection reports
+  // it), `scores` one score per hotword of the model, `detected` the index of
+  // the hotword detected on this step or -1. While an observer is set, every
+  // hotword is searched on every step (none is settled by score bounds),
+  // which costs time but changes no decision. Called from Read, on its
+  // thread; an empty function removes the observer.
+  using StepObserver = std::function<void(int model_id, int32 frame_id,
+                                          const std::vector<float>& scores, int detected)>;
+  void SetStepObserver(StepObserver observer) { step_observer_ = std::move(observer); }
+
   // "UniversalDetectStream".
   std::string Name() const override;
+
+  // Loaded model m with the current sensitivities and windows, as
+  // WriteHotwordModel writes it.
+  HotwordModel Model(int model_id) const;
 
   // Writes the loaded models back over the files of the model string, binary.
   void UpdateModel() const;
@@ -117,6 +146,12 @@ class UniversalDetectStream : public StreamItf {
   // over all models); any other count is an error that changes nothing.
   void SetSensitivity(const std::string& sensitivity_str);
   void SetHighSensitivity(const std::string& high_sensitivity_str);
+  // The same rule on values already parsed.
+  void SetSensitivity(const std::vector<float>& values);
+  void SetHighSensitivity(const std::vector<float>& values);
+  // Hotword k of model m alone; out of range is an error.
+  void SetSensitivity(int model_id, int hotword, float value);
+  void SetHighSensitivity(int model_id, int hotword, float value);
   // The current sensitivities, ", "-separated, model by model.
   std::string GetSensitivity() const;
   // Hotwords of model `model_id`; a warning and 0 when out of range.
@@ -125,6 +160,8 @@ class UniversalDetectStream : public StreamItf {
   // The list is taken as given; Read refuses to run while it is short.
   void SetSmoothWindowSize(const std::string& smooth_window_str);
   void SetSlideWindowSize(const std::string& slide_window_str);
+  void SetSmoothWindowSize(const std::vector<int32>& lengths) { smooth_window_ = lengths; }
+  void SetSlideWindowSize(const std::vector<int32>& lengths) { slide_window_ = lengths; }
 
   // Read-only views for tools (model inspection and conversion).
   int NumModels() const { return static_cast<int>(nnets_.size()); }
@@ -195,10 +232,19 @@ class UniversalDetectStream : public StreamItf {
   float HotwordViterbiSearchTracebackLog(int32 model_id, int32 hotword_id) const;  // 8
 
  private:
+  // Errors unless slide_step is positive; `function` names the constructor.
+  void CheckSlideStep(const char* function) const;
+  // Starts the decision state and applies the option strings; the
+  // constructors' last step.
+  void ApplyOptionStrings();
   // Loads every model named in `model_str`; called once, by the constructor.
   void ReadHotwordModel(const std::string& model_str);
-  // Loads one file as model m, numbering its hotwords from *next_hotword_id.
-  void ReadModelFile(int model_id, const std::string& filename, int32* next_hotword_id);
+  // Checks and loads models handed to the constructor.
+  void LoadModels(std::vector<HotwordModel> models);
+  // Sizes every per-model container for `num_models` models.
+  void SizeModelContainers(size_t num_models);
+  // Takes `model` as model m, numbering its hotwords from *next_hotword_id.
+  void LoadModel(int model_id, HotwordModel model, int32* next_hotword_id);
   // Errors unless the window setters left one length per model.
   void CheckWindowLengths() const;
   // Scores every hotword of model m after a step ending at `frame_id` and
@@ -208,8 +254,11 @@ class UniversalDetectStream : public StreamItf {
   // Derives the piece layouts of every hotword of model m.
   void BuildPieceLayouts(int model_id);
   // Applies a sensitivity list to `target` (shared by the two setters).
-  void SetSensitivityList(const std::string& str,
+  void SetSensitivityList(const std::vector<float>& values,
                           std::vector<std::vector<float>>* target);
+  // Sets hotword k of model m in `target`; out of range is an error.
+  void SetHotwordValue(int model_id, int hotword, float value,
+                       std::vector<std::vector<float>>* target);
   // Appends the score bounds of each row of a step to model m's bound
   // windows (see search_frame_best_); called with every PushSlideWindow.
   void PushSearchBounds(int model_id, const MatrixBase& rows);
@@ -223,6 +272,10 @@ class UniversalDetectStream : public StreamItf {
   // first detection passes the refractory test.
   int32 last_detection_frame_;
   int32 last_detection_frame_copy_;  // kept equal to last_detection_frame_
+  float last_detection_score_ = 0.0f;
+  StepObserver step_observer_;
+  // The current step's scores, one per hotword of the model, for the observer.
+  std::vector<float> step_scores_;
   // Decision state (see Read): the high-sensitivity mode, entered 50 frames
   // after a near miss, and left 3000 frames after its last candidate.
   bool high_sensitivity_mode_;
@@ -274,5 +327,7 @@ class UniversalDetectStream : public StreamItf {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_DETECT_UNIVERSAL_DETECT_STREAM_H_

@@ -43,6 +43,9 @@
 #include "frontend/real-fft.h"
 #include "stream/stream-itf.h"
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -91,5 +94,7 @@ class FilterbankStream : public StreamItf {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_FRONTEND_FILTERBANK_STREAM_H_

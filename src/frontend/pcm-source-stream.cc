@@ -15,6 +15,14 @@ PcmSourceStream::PcmSourceStream(int max_block_samples)
 }
 
 void PcmSourceStream::Push(const int16_t* samples, size_t n) {
+  std::copy(samples, samples + n, Append(n));
+}
+
+void PcmSourceStream::Push(const float* samples, size_t n) {
+  std::copy(samples, samples + n, Append(n));
+}
+
+float* PcmSourceStream::Append(size_t n) {
   if (end_marked_) {
     KESTREL_ERR("pcm-source-stream")
         << Name() << ": samples pushed after the end of the stream; call Reset() first.";
@@ -25,7 +33,8 @@ void PcmSourceStream::Push(const int16_t* samples, size_t n) {
     samples_.erase(samples_.begin(), samples_.begin() + read_offset_);
     read_offset_ = 0;
   }
-  samples_.insert(samples_.end(), samples, samples + n);
+  samples_.resize(samples_.size() + n);
+  return samples_.data() + samples_.size() - n;
 }
 
 void PcmSourceStream::MarkEnd() { end_marked_ = true; }

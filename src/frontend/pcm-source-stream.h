@@ -1,7 +1,8 @@
-// PcmSourceStream: the first stage of a chain, fed by the host with 16-bit
-// samples.
+// PcmSourceStream: the first stage of a chain, fed by the host with 16 kHz
+// mono samples.
 //
-// The host pushes 16 kHz mono samples as they arrive; each Read hands on the
+// The host pushes samples as they arrive, 16-bit integers or floats on the
+// same scale (audio-format.h); each Read hands on the
 // pending samples (at most `max_block_samples`, so one huge push does not
 // become one huge block downstream) as a 1 x n matrix at the 16-bit scale
 // (audio-format.h), or 0 x 0 with signal 0 when nothing is pending. After
@@ -21,6 +22,9 @@
 
 #include "stream/stream-itf.h"
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -34,6 +38,8 @@ class PcmSourceStream : public StreamItf {
 
   // Appends samples to the stream. An error after MarkEnd (Reset first).
   void Push(const int16_t* samples, size_t n);
+  // Floats at the 16-bit scale (not clipped).
+  void Push(const float* samples, size_t n);
   // The stream ends after the samples pushed so far.
   void MarkEnd();
   // Samples pushed and not yet read.
@@ -47,8 +53,11 @@ class PcmSourceStream : public StreamItf {
   std::string Name() const override { return "PcmSourceStream"; }
 
  private:
+  // Makes room for n more samples; returns where they go.
+  float* Append(size_t n);
+
   int max_block_samples_;
-  std::vector<int16_t> samples_;
+  std::vector<float> samples_;
   size_t read_offset_ = 0;  // samples_[0..read_offset_) were already read
   int32 next_block_id_ = 0;
   bool end_marked_ = false;
@@ -56,5 +65,7 @@ class PcmSourceStream : public StreamItf {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_FRONTEND_PCM_SOURCE_STREAM_H_

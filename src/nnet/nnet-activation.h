@@ -7,6 +7,9 @@
 #include <string>
 
 #include "nnet/nnet-component.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -26,8 +29,6 @@ class Relu : public Activation {
   const char* Token() const override { return "<Relu>"; }
   std::unique_ptr<Component> Copy() const override { return std::make_unique<Relu>(*this); }
   void Propagate(const MatrixBase& in, MatrixBase* out) const override;
-  void Backpropagate(const MatrixBase& in, const MatrixBase& out, const MatrixBase& out_diff,
-                     MatrixBase* in_diff) const override;
 };
 
 // 1 / (1 + exp(-x)).
@@ -38,8 +39,6 @@ class Sigmoid : public Activation {
   const char* Token() const override { return "<Sigmoid>"; }
   std::unique_ptr<Component> Copy() const override { return std::make_unique<Sigmoid>(*this); }
   void Propagate(const MatrixBase& in, MatrixBase* out) const override;
-  void Backpropagate(const MatrixBase& in, const MatrixBase& out, const MatrixBase& out_diff,
-                     MatrixBase* in_diff) const override;
 };
 
 class Tanh : public Activation {
@@ -49,8 +48,6 @@ class Tanh : public Activation {
   const char* Token() const override { return "<Tanh>"; }
   std::unique_ptr<Component> Copy() const override { return std::make_unique<Tanh>(*this); }
   void Propagate(const MatrixBase& in, MatrixBase* out) const override;
-  void Backpropagate(const MatrixBase& in, const MatrixBase& out, const MatrixBase& out_diff,
-                     MatrixBase* in_diff) const override;
 };
 
 // Each row becomes exp(x - max) / sum(exp(x - max)): posteriors summing to 1.
@@ -61,10 +58,10 @@ class Softmax : public Activation {
   const char* Token() const override { return "<Softmax>"; }
   std::unique_ptr<Component> Copy() const override { return std::make_unique<Softmax>(*this); }
   void Propagate(const MatrixBase& in, MatrixBase* out) const override;
-  void Backpropagate(const MatrixBase& in, const MatrixBase& out, const MatrixBase& out_diff,
-                     MatrixBase* in_diff) const override;
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_NNET_NNET_ACTIVATION_H_

@@ -5,43 +5,29 @@
 #define KESTREL_NNET_NNET_ADD_SHIFT_H_
 
 #include <memory>
-#include <string>
 
-#include "nnet/nnet-component.h"
+#include "nnet/nnet-vector-component.h"
 #include "utils/kestrel-matrix.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
-class AddShift : public Component {
+class AddShift : public VectorComponent {
  public:
-  AddShift(int input_dim, int output_dim) : Component(input_dim, output_dim) {}
-  explicit AddShift(const Vector& shift)
-      : Component(shift.Dim(), shift.Dim()), shift_(shift) {}
+  AddShift(int input_dim, int output_dim) : VectorComponent(input_dim, output_dim, "shift") {}
+  explicit AddShift(const Vector& shift) : VectorComponent(shift, "shift") {}
 
   const char* Token() const override { return "<AddShift>"; }
   std::unique_ptr<Component> Copy() const override { return std::make_unique<AddShift>(*this); }
-  const Vector& Shift() const { return shift_; }
+  const Vector& Shift() const { return Values(); }
 
   void Propagate(const MatrixBase& in, MatrixBase* out) const override;
-  void Backpropagate(const MatrixBase& in, const MatrixBase& out, const MatrixBase& out_diff,
-                     MatrixBase* in_diff) const override;
-
-  // Parameters: the shift.
-  int NumParams() const override { return shift_.Dim(); }
-  void GetParams(float* params) const override;
-  void SetParams(const float* params) override;
-  void AccumulateGradient(const MatrixBase& in, const MatrixBase& out_diff,
-                          float* gradient) const override;
-
- protected:
-  void ReadData(bool binary, std::istream* is) override;
-  void WriteData(bool binary, std::ostream* os) const override;
-  std::string CheckData() const override;
-
- private:
-  Vector shift_;
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_NNET_NNET_ADD_SHIFT_H_

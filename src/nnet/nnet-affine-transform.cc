@@ -47,21 +47,6 @@ void AffineTransform::Propagate(const MatrixBase& in, MatrixBase* out) const {
   AffineForward(in, packed_, out);
 }
 
-void AffineTransform::Backpropagate(const MatrixBase& /*in*/, const MatrixBase& /*out*/,
-                                    const MatrixBase& out_diff, MatrixBase* in_diff) const {
-  const int num_in = InputDim();
-  for (int r = 0; r < out_diff.NumRows(); ++r) {
-    const float* dy = out_diff.RowData(r);
-    float* dx = in_diff->RowData(r);
-    std::fill(dx, dx + num_in, 0.0f);
-    for (int o = 0; o < OutputDim(); ++o) {
-      const float* w = weights_.RowData(o);
-      const float g = dy[o];
-      for (int i = 0; i < num_in; ++i) dx[i] += g * w[i];
-    }
-  }
-}
-
 int AffineTransform::NumParams() const { return OutputDim() * InputDim() + OutputDim(); }
 
 void AffineTransform::GetParams(float* params) const {
@@ -77,23 +62,6 @@ void AffineTransform::SetParams(const float* params) {
   }
   std::copy(params, params + OutputDim(), bias_.Data());
   packed_.Pack(weights_, bias_);
-}
-
-// dW += out_diff^T * in, db += column sums of out_diff.
-void AffineTransform::AccumulateGradient(const MatrixBase& in, const MatrixBase& out_diff,
-                                         float* gradient) const {
-  const int num_in = InputDim();
-  float* bias_grad = gradient + OutputDim() * num_in;
-  for (int r = 0; r < out_diff.NumRows(); ++r) {
-    const float* x = in.RowData(r);
-    const float* dy = out_diff.RowData(r);
-    for (int o = 0; o < OutputDim(); ++o) {
-      float* gw = gradient + o * num_in;
-      const float g = dy[o];
-      for (int i = 0; i < num_in; ++i) gw[i] += g * x[i];
-      bias_grad[o] += g;
-    }
-  }
 }
 
 }  // namespace kestrel

@@ -14,6 +14,9 @@
 #include "nnet/nnet-component.h"
 #include "nnet/nnet-kernel.h"
 #include "utils/kestrel-matrix.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -31,16 +34,11 @@ class AffineTransform : public Component {
   const Vector& Bias() const { return bias_; }
 
   void Propagate(const MatrixBase& in, MatrixBase* out) const override;
-  // in_diff = out_diff * W.
-  void Backpropagate(const MatrixBase& in, const MatrixBase& out, const MatrixBase& out_diff,
-                     MatrixBase* in_diff) const override;
 
   // Parameters: W row by row, then b.
   int NumParams() const override;
   void GetParams(float* params) const override;
   void SetParams(const float* params) override;
-  void AccumulateGradient(const MatrixBase& in, const MatrixBase& out_diff,
-                          float* gradient) const override;
 
  protected:
   void ReadData(bool binary, std::istream* is) override;
@@ -54,5 +52,7 @@ class AffineTransform : public Component {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_NNET_NNET_AFFINE_TRANSFORM_H_

@@ -11,10 +11,12 @@
 // ignored, and a trailing <!EndOfComponent> is skipped, so that files of
 // Kaldi's nnet1 tools load as they are. Writing never emits them.
 //
-// Every kind keeps its data methods (ReadData/WriteData) and its forward and
-// backward passes side by side in its own file. Propagate and Backpropagate
-// treat the rows of a matrix as consecutive frames of one utterance; only
-// Splice looks across rows (streaming Splice input is handled by the Nnet).
+// Every kind keeps its data methods (ReadData/WriteData) and its forward pass
+// side by side in its own file; backward passes belong to training (the
+// trainer library), which reads the parameters through each kind's
+// accessors. Propagate treats the rows of a matrix as consecutive frames of
+// one utterance; only Splice looks across rows (streaming Splice input is
+// handled by the Nnet).
 //
 // Components are immutable during Propagate, so one component may serve
 // several threads at once; changing parameters needs exclusive access.
@@ -27,6 +29,9 @@
 #include <string>
 
 #include "utils/kestrel-matrix.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -48,25 +53,20 @@ class Component {
 
   // out (in.NumRows() x OutputDim(), sized by the caller) = f(in).
   virtual void Propagate(const MatrixBase& in, MatrixBase* out) const = 0;
-  // in_diff (sized like in) = d objective / d in, given out_diff = d objective
-  // / d out; `in` and `out` are those of the forward pass.
-  virtual void Backpropagate(const MatrixBase& in, const MatrixBase& out,
-                             const MatrixBase& out_diff, MatrixBase* in_diff) const = 0;
 
-  // Trainable parameters as one flat array (empty for most kinds). The layout
-  // is the kind's own but fixed, so optimisers can work on flat arrays.
+  // Parameters as one flat array (empty for most kinds). The layout is the
+  // kind's own but fixed, so optimisers can work on flat arrays.
   virtual int NumParams() const { return 0; }
   virtual void GetParams(float* /*params*/) const {}
   virtual void SetParams(const float* /*params*/) {}
-  // gradient (NumParams() floats, laid out like the parameters) +=
-  // d objective / d parameters, given the forward input and out_diff.
-  virtual void AccumulateGradient(const MatrixBase& /*in*/, const MatrixBase& /*out_diff*/,
-                                  float* /*gradient*/) const {}
 
  protected:
   Component(int input_dim, int output_dim) : input_dim_(input_dim), output_dim_(output_dim) {}
   Component(const Component&) = default;
   Component& operator=(const Component&) = default;
+
+  // The CheckData phrase for kinds whose dimensions must be equal, or "".
+  std::string SameDimensionsProblem() const;
 
   // Reads and writes the parameters that follow the dimensions.
   virtual void ReadData(bool /*binary*/, std::istream* /*is*/) {}
@@ -82,5 +82,7 @@ class Component {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_NNET_NNET_COMPONENT_H_

@@ -69,20 +69,6 @@ void Splice::Propagate(const MatrixBase& in, MatrixBase* out) const {
   for (int t = 0; t < in.NumRows(); ++t) SpliceFrame(in, 0, last, t, out, t);
 }
 
-void Splice::Backpropagate(const MatrixBase& in, const MatrixBase& /*out*/,
-                           const MatrixBase& out_diff, MatrixBase* in_diff) const {
-  const int dim = InputDim();
-  const int64 last = in.NumRows() - 1;
-  in_diff->Set(0.0f);
-  for (int t = 0; t < out_diff.NumRows(); ++t) {
-    const float* dy = out_diff.RowData(t);
-    for (size_t j = 0; j < offsets_.size(); ++j) {
-      float* dx = in_diff->RowData(static_cast<int>(std::clamp<int64>(t + offsets_[j], 0, last)));
-      for (int c = 0; c < dim; ++c) dx[c] += dy[j * dim + c];
-    }
-  }
-}
-
 void SpliceHistory::Feed(const Splice& splice, const MatrixBase& in, bool flush, Matrix* out) {
   const int dim = splice.InputDim();
   const int left = splice.LeftContext();

@@ -17,6 +17,9 @@
 #include "nnet/nnet-component.h"
 #include "utils/kestrel-matrix.h"
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -39,9 +42,6 @@ class Splice : public Component {
                    MatrixBase* out, int out_row) const;
 
   void Propagate(const MatrixBase& in, MatrixBase* out) const override;
-  // Each input row receives the sum of the output-diff blocks that copied it.
-  void Backpropagate(const MatrixBase& in, const MatrixBase& out, const MatrixBase& out_diff,
-                     MatrixBase* in_diff) const override;
 
  protected:
   void ReadData(bool binary, std::istream* is) override;
@@ -74,5 +74,7 @@ class SpliceHistory {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_NNET_NNET_SPLICE_H_

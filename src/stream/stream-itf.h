@@ -18,6 +18,9 @@
 
 #include "nnet/frame-info.h"
 #include "utils/kestrel-matrix.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -64,5 +67,7 @@ class StreamItf {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_STREAM_STREAM_ITF_H_

@@ -5,6 +5,10 @@
 
 #include <string>
 
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
+
 namespace kestrel {
 
 // Separates the entries of every list-valued option (model files,
@@ -15,5 +19,7 @@ extern std::string global_kestrel_string_delimiter;
 extern int global_kestrel_verbose_level;
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_UTILS_KESTREL_GLOBALS_H_

@@ -26,6 +26,10 @@
 #include <string>
 #include <vector>
 
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
+
 namespace kestrel {
 
 // Writes `token` followed by one space. A token is non-empty and holds no
@@ -107,6 +111,8 @@ class Output {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #include "utils/kestrel-io-inl.h"
 

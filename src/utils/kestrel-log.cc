@@ -20,10 +20,12 @@ KestrelLogHandler& Handler() {
   return handler;
 }
 
+// Errors reach the caller as the exception that follows, so printing them
+// too would put a message on the console of an application that handled it.
 void DefaultHandler(KestrelLogType type, const std::string& file, int line,
                     const std::string& /*function*/, const std::string& text) {
-  std::cerr << (type == kKestrelError ? "ERROR (" : "WARNING (") << file << ":"
-            << line << ") " << text << std::endl;
+  if (type == kKestrelError) return;
+  std::cerr << "WARNING (" << file << ":" << line << ") " << text << std::endl;
 }
 
 }  // namespace

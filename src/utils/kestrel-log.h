@@ -6,9 +6,10 @@
 // throws KestrelError, so the failing operation never returns half a result;
 // a warning returns to the caller.
 //
-// Messages go to standard error unless the program installs its own handler with
-// SetLogHandler (tests do, to capture or silence them). The handler is global:
-// install it before detectors run, not while they do.
+// By default errors are reported only by the exception and warnings go to
+// standard error; a program can install its own handler with SetLogHandler
+// (tests do, to capture or silence them), which receives both. The handler is
+// global: install it before detectors run, not while they do.
 #ifndef KESTREL_UTILS_KESTREL_LOG_H_
 #define KESTREL_UTILS_KESTREL_LOG_H_
 
@@ -16,6 +17,10 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -46,7 +51,8 @@ using KestrelLogHandler =
                        const std::string& function, const std::string& text)>;
 
 // Replaces the handler; an empty handler restores the default, which writes
-// "ERROR (file:line) text" or "WARNING (file:line) text" to standard error.
+// "WARNING (file:line) text" to standard error and leaves errors to the
+// exception.
 // Returns the previous handler (empty if it was the default).
 KestrelLogHandler SetLogHandler(KestrelLogHandler handler);
 
@@ -80,5 +86,7 @@ class KestrelLogMsg {
   ::kestrel::KestrelLogMsg(__LINE__, file, __PRETTY_FUNCTION__, type, 0).stream()
 #define KESTREL_ERR(file) KESTREL_LOG(file, ::kestrel::kKestrelError)
 #define KESTREL_WARN(file) KESTREL_LOG(file, ::kestrel::kKestrelWarning)
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_UTILS_KESTREL_LOG_H_

@@ -17,6 +17,9 @@
 #include <ostream>
 
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -125,5 +128,7 @@ class Vector : public VectorBase {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_UTILS_KESTREL_MATRIX_H_

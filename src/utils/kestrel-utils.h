@@ -8,6 +8,9 @@
 #include <vector>
 
 #include "utils/kestrel-log.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -63,5 +66,7 @@ void SplitStringToFloats(const std::string& full, const std::string& delim,
                          std::vector<float>* out);
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_UTILS_KESTREL_UTILS_H_

@@ -1,0 +1,76 @@
+#include "wake-service.h"
+
+#include <set>
+#include <stdexcept>
+
+#include "model/hotword-model.h"
+
+namespace kestrel {
+namespace {
+
+constexpr char kVersion[] = "0.1";
+
+// "models/hey-kestrel.kmodel" -> "hey-kestrel".
+std::string FileStem(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  const size_t dot = name.find_last_of('.');
+  if (dot != std::string::npos && dot > 0) name.erase(dot);
+  return name;
+}
+
+// What a person would say: "hey-kestrel" -> "hey kestrel".
+std::string Phrase(std::string name) {
+  for (char& c : name) {
+    if (c == '-' || c == '_') c = ' ';
+  }
+  return name;
+}
+
+}  // namespace
+
+WakeService::WakeService(const HotwordDetectorOptions& options) : options_(options) {
+  NewDetector();  // checks the models, options and the names' count
+  std::vector<std::string>& names = options_.hotword_names;
+  if (names.empty()) {
+    for (const HotwordModel& model : options_.models) {
+      const size_t count = model.hotwords.size();
+      for (size_t k = 1; k <= count; ++k) {
+        names.push_back(FileStem(model.name) + (count > 1 ? "-" + std::to_string(k) : ""));
+      }
+    }
+  }
+  std::set<std::string> seen;
+  for (const std::string& name : names) {
+    if (name.empty()) throw std::runtime_error("a hotword name is empty");
+    if (!seen.insert(name).second) {
+      throw std::runtime_error("hotword name \"" + name + "\" is given twice");
+    }
+  }
+
+  const nlohmann::json attribution = {{"name", "Kestrel"}, {"url", ""}};
+  nlohmann::json models = nlohmann::json::array();
+  for (const std::string& name : names) {
+    models.push_back({{"name", name},
+                      {"phrase", Phrase(name)},
+                      {"languages", nlohmann::json::array({"en"})},
+                      {"attribution", attribution},
+                      {"installed", true},
+                      {"description", "hotword \"" + Phrase(name) + "\""},
+                      {"version", kVersion}});
+  }
+  info_.type = "info";
+  const nlohmann::json program = {{"name", "kestrel"},
+                                  {"attribution", attribution},
+                                  {"installed", true},
+                                  {"description", "Kestrel on-device hotword detection"},
+                                  {"version", kVersion},
+                                  {"models", models}};
+  info_.data = {{"wake", nlohmann::json::array({program})}};
+}
+
+std::unique_ptr<HotwordDetector> WakeService::NewDetector() const {
+  return std::make_unique<HotwordDetector>(options_);
+}
+
+}  // namespace kestrel

@@ -1,0 +1,81 @@
+// HotwordModel: the model file read from files, streams and memory, written
+// back, and checked when built in code. The detector's use of the same reader
+// (defaults, messages) is covered in detect-read-test.cc.
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+
+#include "detect-test-util.h"
+#include "model/hotword-model.h"
+#include "test-log-capture.h"
+
+namespace kestrel {
+namespace {
+
+std::string Written(const HotwordModel& model, bool binary) {
+  std::ostringstream os;
+  model.Write(os, binary);
+  return os.str();
+}
+
+TEST(HotwordModelTest, FileMemoryAndStreamFormsAgreeInBothEncodings) {
+  TestDir dir;
+  TestModel source;
+  source.smooth_window = 4;
+  source.hotwords = {TestHotword{{2, 0}, 0.3f}, TestHotword{{1}, 0.7f}};
+  source.hotwords[1].search = TestSearchGroup{7, 1, {0, 30}, {0.25f, 0.5f}};
+  source.hotwords[1].passes = std::make_pair(3, 4);
+  const HotwordModel model = HotwordModel::ReadFile(dir.WriteModel("m", source));
+  ASSERT_EQ(2u, model.hotwords.size());
+  // Absent groups take their defaults; a longer floor is cut to the keyword.
+  EXPECT_EQ((std::vector<int32>{0, 50, 100}), model.hotwords[0].search_mask);
+  EXPECT_EQ((std::vector<float>{0.05f, 0.05f}), model.hotwords[0].search_floor);
+  EXPECT_EQ(kNaiveSearch, model.hotwords[0].search_method);
+  EXPECT_EQ((std::vector<float>{0.25f}), model.hotwords[1].search_floor);
+  EXPECT_EQ(4, model.hotwords[1].floor_pass);
+
+  for (bool binary : {true, false}) {
+    const std::string bytes = Written(model, binary);
+    model.WriteFile(dir.Path("out"), binary);
+    EXPECT_EQ(bytes, ReadFileBytes(dir.Path("out")));
+    EXPECT_EQ(binary, bytes.compare(0, 2, std::string("\0B", 2)) == 0);
+    const HotwordModel from_memory = HotwordModel::ReadMemory(bytes.data(), bytes.size(), "mem");
+    EXPECT_EQ("mem", from_memory.name);
+    EXPECT_EQ(bytes, Written(from_memory, binary));
+    std::istringstream is(bytes);
+    EXPECT_EQ(bytes, Written(HotwordModel::Read(is, "stream"), binary));
+  }
+}
+
+TEST(HotwordModelTest, MessagesNameTheBufferAndTheReporter) {
+  TestModel source;
+  source.hotwords = {TestHotword{{0, 5}}};
+  const std::string text = TestModelText(source);
+  EXPECT_EQ("HotwordModel: model file \"built-in\", hotword 1: <Kw> unit 5 is not an output of "
+            "the network, expected 0 to 2.",
+            KESTREL_ERROR_TEXT(HotwordModel::ReadMemory(text.data(), text.size(), "built-in")));
+  EXPECT_EQ("Expected token \"<UniversalModel>\", got instead \"<Kw>\".",
+            KESTREL_ERROR_TEXT(HotwordModel::ReadMemory("<Kw>", 4, "x")));
+  const std::string missing = TempPath("no-such.kmodel");
+  EXPECT_NE(std::string::npos,
+            KESTREL_ERROR_TEXT(HotwordModel::ReadFile(missing)).find(missing));
+
+  // Built in code: Check applies the reader's rules.
+  source.hotwords = {TestHotword{{0, 1}}};
+  HotwordModel model = HotwordModel::ReadMemory(TestModelText(source).data(),
+                                                TestModelText(source).size(), "edited");
+  EXPECT_EQ("", KESTREL_ERROR_TEXT(model.Check()));
+  model.hotwords[0].search_floor.pop_back();
+  EXPECT_EQ("Stage: model file \"edited\", hotword 1: <SearchFloor> has 1 values, expected one "
+            "for each of the 2 units of <Kw>.",
+            KESTREL_ERROR_TEXT(model.Check("Stage")));
+  model.nnet = Nnet();
+  model.hotwords.clear();
+  EXPECT_EQ("HotwordModel: model file \"edited\": the network has 0 outputs, expected 1 to "
+            "65536.",
+            KESTREL_ERROR_TEXT(model.Check()));
+}
+
+}  // namespace
+}  // namespace kestrel

@@ -1,0 +1,167 @@
+// Training support: the components' backward passes and the parameter
+// gradients against numerical derivatives, training on a small separable
+// problem, and the trained path against the streaming network.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "nnet-backprop.h"
+#include "nnet-test-util.h"
+#include "nnet-train.h"
+#include "nnet/nnet.h"
+#include "test-log-capture.h"
+
+namespace kestrel {
+namespace {
+
+// sum(out .* weights) in double, for finite differences.
+double WeightedOutput(const Component& c, const Matrix& in, const Matrix& weights) {
+  Matrix out(in.NumRows(), c.OutputDim());
+  c.Propagate(in, &out);
+  double sum = 0.0;
+  for (int r = 0; r < out.NumRows(); ++r) {
+    for (int k = 0; k < out.NumCols(); ++k) sum += double(out(r, k)) * weights(r, k);
+  }
+  return sum;
+}
+
+constexpr float kEps = 1e-2f;
+
+// The central difference of f() in *x, which is left as it was.
+template <class F>
+double Slope(float* x, F f) {
+  const float v = *x;
+  *x = v + kEps;
+  const double up = f();
+  *x = v - kEps;
+  const double down = f();
+  *x = v;
+  return (up - down) / (2 * kEps);
+}
+
+TEST(NnetTrainTest, BackpropagateMatchesNumericalDerivatives) {
+  std::mt19937 rng(21);
+  const Nnet nnet = EveryKindNnet(&rng);
+  for (int i = 0; i < nnet.NumComponents(); ++i) {
+    const Component& c = nnet.GetComponent(i);
+    SCOPED_TRACE(::testing::Message() << "component " << i << " " << c.Token());
+    Matrix in = RandomMatrix(5, c.InputDim(), &rng);
+    const Matrix weights = RandomMatrix(5, c.OutputDim(), &rng);
+    Matrix out(5, c.OutputDim()), in_diff(5, c.InputDim());
+    c.Propagate(in, &out);
+    Backpropagate(c, in, out, weights, &in_diff);
+    for (int r = 0; r < 5; ++r) {
+      for (int k = 0; k < c.InputDim(); ++k) {
+        if (std::string(c.Token()) == "<Relu>" && std::fabs(in(r, k)) < kEps) continue;  // kink
+        EXPECT_NEAR(in_diff(r, k), Slope(&in(r, k), [&] { return WeightedOutput(c, in, weights); }),
+                    2e-3)
+            << r << ", " << k;
+      }
+    }
+  }
+}
+
+TEST(NnetTrainTest, ParameterGradientsMatchNumericalDerivatives) {
+  std::mt19937 rng(22);
+  Nnet nnet = EveryKindNnet(&rng);
+  NnetTrainerOptions options;
+  options.train_shift_and_scale = true;
+  NnetTrainer trainer(&nnet, options);
+  ASSERT_EQ(trainer.FirstTrainedComponent(), 1);
+  ASSERT_EQ(trainer.RowDim(), 6);
+  const Matrix rows = RandomMatrix(7, 6, &rng);
+  const std::vector<int32> labels = {0, 2, 1, 1, 0, 2, 2};
+  trainer.ComputeGradient(rows, labels);
+
+  int checked = 0;
+  for (int i = trainer.FirstTrainedComponent(); i < nnet.NumComponents(); ++i) {
+    Component& c = nnet.GetComponent(i);
+    SCOPED_TRACE(::testing::Message() << "component " << i << " " << c.Token());
+    const std::vector<float>& gradient = trainer.Gradient(i);
+    ASSERT_EQ(gradient.size(), static_cast<size_t>(c.NumParams()));
+    std::vector<float> params(c.NumParams());
+    c.GetParams(params.data());
+    auto loss = [&] {
+      c.SetParams(params.data());
+      return trainer.ComputeLoss(rows, labels);
+    };
+    for (size_t p = 0; p < params.size(); ++p, ++checked) {
+      EXPECT_NEAR(gradient[p], Slope(&params[p], loss), 2e-3) << "parameter " << p;
+    }
+    c.SetParams(params.data());
+  }
+  EXPECT_EQ(checked, 6 + 6 + (30 + 5) + (20 + 4) + (16 + 4) + (12 + 3));
+}
+
+TEST(NnetTrainTest, TrainingLearnsSeparableClasses) {
+  // Three classes around distant centres in 8 dimensions.
+  std::mt19937 rng(23);
+  const int kDim = 8, kClasses = 3, kRows = 600;
+  const Matrix centres = RandomMatrix(kClasses, kDim, &rng, 2.0f);
+  Matrix rows = RandomMatrix(kRows, kDim, &rng, 0.5f);
+  std::vector<int32> labels(kRows);
+  for (int r = 0; r < kRows; ++r) {
+    labels[r] = r % kClasses;
+    for (int k = 0; k < kDim; ++k) rows(r, k) += centres(labels[r], k);
+  }
+  Nnet nnet;
+  nnet.AppendComponent(RandomAffine(kDim, 16, &rng));
+  nnet.AppendComponent(std::make_unique<Relu>(16));
+  nnet.AppendComponent(RandomAffine(16, kClasses, &rng));
+  nnet.AppendComponent(std::make_unique<Softmax>(kClasses));
+  NnetTrainerOptions options;
+  options.adam.learning_rate = 0.01f;
+  NnetTrainer trainer(&nnet, options);
+
+  float accuracy = 0.0f;
+  const float initial = trainer.ComputeLoss(rows, labels, &accuracy);
+  for (int epoch = 0; epoch < 10; ++epoch) {
+    for (int first = 0; first < kRows; first += 30) {
+      const std::vector<int32> batch_labels(labels.begin() + first, labels.begin() + first + 30);
+      trainer.TrainOnBatch(rows.RowRange(first, 30), batch_labels);
+    }
+  }
+  const float final_loss = trainer.ComputeLoss(rows, labels, &accuracy);
+  EXPECT_LT(final_loss, 0.1f);
+  EXPECT_LT(final_loss, initial / 5);
+  EXPECT_GT(accuracy, 0.97f);
+}
+
+TEST(NnetTrainTest, TrainedPathComputesWhatTheStreamingNetworkComputes) {
+  std::mt19937 rng(24);
+  Nnet nnet = EveryKindNnet(&rng);
+  NnetTrainer trainer(&nnet, NnetTrainerOptions());
+  const Matrix features = RandomMatrix(12, 2, &rng);
+  Matrix rows, posteriors, streamed;
+  trainer.SpliceUtterance(features, &rows);
+  trainer.Forward(rows, &posteriors);
+  std::vector<FrameInfo> info;
+  nnet.FlushOutput(features, FrameInfos(0, 12), &streamed, &info);
+  ASSERT_EQ(posteriors.NumRows(), streamed.NumRows());
+  for (int r = 0; r < 12; ++r) {
+    for (int k = 0; k < 3; ++k) EXPECT_FLOAT_EQ(posteriors(r, k), streamed(r, k));
+  }
+}
+
+TEST(NnetTrainTest, RejectsBadLabelsAndNetworksWithoutSoftmax) {
+  std::mt19937 rng(25);
+  Nnet nnet = EveryKindNnet(&rng);
+  NnetTrainer trainer(&nnet, NnetTrainerOptions());
+  const Matrix rows = RandomMatrix(2, 6, &rng);
+  EXPECT_EQ(KESTREL_ERROR_TEXT(trainer.TrainOnBatch(rows, {0, 3})),
+            "NnetTrainer: label 3 of row 1 is outside the network's units 0..2.");
+  EXPECT_EQ(KESTREL_ERROR_TEXT(trainer.TrainOnBatch(rows, {0})),
+            "NnetTrainer: 2 rows but 1 labels.");
+  Nnet no_softmax;
+  no_softmax.AppendComponent(RandomAffine(2, 2, &rng));
+  EXPECT_EQ(KESTREL_ERROR_TEXT(NnetTrainer(&no_softmax, NnetTrainerOptions())),
+            "NnetTrainer: the network must end in <Softmax>, its last component is "
+            "<AffineTransform>.");
+}
+
+}  // namespace
+}  // namespace kestrel

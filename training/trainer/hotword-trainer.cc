@@ -1,0 +1,221 @@
+#include "hotword-trainer.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <random>
+#include <sstream>
+
+#include "nnet/nnet-activation.h"
+#include "nnet/nnet-add-shift.h"
+#include "nnet/nnet-affine-transform.h"
+#include "nnet/nnet-rescale.h"
+#include "nnet-train.h"
+
+namespace kestrel {
+namespace {
+
+// He initialisation for layers followed by a ReLU, Glorot for the output.
+std::unique_ptr<Component> RandomAffine(int input_dim, int output_dim, bool relu,
+                                        std::mt19937* rng) {
+  double stddev = relu ? std::sqrt(2.0 / input_dim) : std::sqrt(2.0 / (input_dim + output_dim));
+  std::normal_distribution<float> normal(0.0f, static_cast<float>(stddev));
+  Matrix weights(output_dim, input_dim);
+  for (int r = 0; r < output_dim; ++r) {
+    for (int c = 0; c < input_dim; ++c) weights(r, c) = normal(*rng);
+  }
+  Vector bias(output_dim);
+  return std::make_unique<AffineTransform>(weights, bias);
+}
+
+// The normalisation of the spliced features: x -> (x - mean) / stddev, as
+// an <AddShift> and a <Rescale>, from the raw features' statistics.
+void NormalisationOf(const TrainingFrames& train, Vector* shift, Vector* scale) {
+  std::vector<double> mean, stddev;
+  train.FeatureStats(&mean, &stddev);
+  const int dim = train.InputDim();
+  const int feature_dim = static_cast<int>(mean.size());
+  shift->Resize(dim);
+  scale->Resize(dim);
+  for (int i = 0; i < dim; ++i) {
+    (*shift)(i) = static_cast<float>(-mean[i % feature_dim]);
+    (*scale)(i) = static_cast<float>(1.0 / stddev[i % feature_dim]);
+  }
+}
+
+// The trained layers: hidden ReLU layers and the softmax output.
+Nnet InitialLayers(int input_dim, int num_outputs, const HotwordTrainerOptions& options,
+                   std::mt19937* rng) {
+  Nnet nnet;
+  int in = input_dim;
+  for (int layer = 0; layer < options.hidden_layers; ++layer) {
+    nnet.AppendComponent(RandomAffine(in, options.hidden_dim, true, rng));
+    nnet.AppendComponent(std::make_unique<Relu>(options.hidden_dim));
+    in = options.hidden_dim;
+  }
+  nnet.AppendComponent(RandomAffine(in, num_outputs, false, rng));
+  nnet.AppendComponent(std::make_unique<Softmax>(num_outputs));
+  return nnet;
+}
+
+// Normalises minibatch rows in place, as the network's <AddShift> and
+// <Rescale> will.
+void Normalise(const Vector& shift, const Vector& scale, Matrix* rows) {
+  for (int r = 0; r < rows->NumRows(); ++r) {
+    float* x = rows->RowData(r);
+    for (int c = 0; c < rows->NumCols(); ++c) x[c] = (x[c] + shift(c)) * scale(c);
+  }
+}
+
+// Augments normalised training rows in place (see HotwordTrainerOptions):
+// per row, one shift of the mel axis and one masked band, the same for every
+// spliced frame of the row, as a different speaker or a narrowband channel
+// would change them; then a run of quiet context frames, as a long stop
+// closure or a dropout would make it.
+void AugmentRows(const Splice& splice, const HotwordTrainerOptions& options, std::mt19937* rng,
+                 Matrix* rows) {
+  const int feature_dim = splice.InputDim();
+  const int num_frames = static_cast<int>(splice.Offsets().size());
+  std::uniform_int_distribution<int> shift_of(-options.max_bin_shift, options.max_bin_shift);
+  std::uniform_int_distribution<int> width_of(0, std::max(0, options.max_masked_bins));
+  std::uniform_int_distribution<int> start_of(0, feature_dim - 1);
+  std::uniform_int_distribution<int> run_of(0, std::clamp(options.max_masked_frames, 0, num_frames));
+  std::vector<float> frame(feature_dim), quietest(feature_dim);
+  for (int r = 0; r < rows->NumRows(); ++r) {
+    const int shift = shift_of(*rng);
+    const int width = width_of(*rng);
+    const int start = start_of(*rng);
+    float* row = rows->RowData(r);
+    for (int base = 0; base + feature_dim <= rows->NumCols(); base += feature_dim) {
+      float* x = row + base;
+      std::copy(x, x + feature_dim, frame.begin());
+      for (int b = 0; b < feature_dim; ++b) {
+        x[b] = frame[std::clamp(b - shift, 0, feature_dim - 1)];
+      }
+      // Normalised features have mean 0.
+      for (int b = start; b < std::min(feature_dim, start + width); ++b) x[b] = 0.0f;
+    }
+    const int run = run_of(*rng);
+    if (run > 0) {
+      std::fill(quietest.begin(), quietest.end(), std::numeric_limits<float>::infinity());
+      for (int k = 0; k < num_frames; ++k) {
+        for (int b = 0; b < feature_dim; ++b) {
+          quietest[b] = std::min(quietest[b], row[k * feature_dim + b]);
+        }
+      }
+      const int first = std::uniform_int_distribution<int>(0, num_frames - run)(*rng);
+      for (int k = first; k < first + run; ++k) {
+        std::copy(quietest.begin(), quietest.end(), row + k * feature_dim);
+      }
+    }
+  }
+}
+
+// Loss and accuracy over at most `max_frames` held-out frames, unit and
+// filler frames in their natural proportion, plus the accuracy on the unit
+// frames alone (which the overall figure hides: filler dominates).
+std::string DevScore(const NnetTrainer& trainer, const TrainingFrames& dev, const Vector& shift,
+                     const Vector& scale, int max_frames, int batch_size) {
+  std::mt19937 rng(7);  // the same frames after every epoch
+  std::vector<FrameRef> frames = dev.EpochFrames(1.0, &rng);
+  if (frames.size() > static_cast<size_t>(max_frames)) frames.resize(max_frames);
+  double loss = 0.0, correct = 0.0, unit_correct = 0.0;
+  size_t unit_total = 0;
+  Matrix rows, posteriors;
+  std::vector<int32> labels;
+  for (size_t first = 0; first < frames.size(); first += batch_size) {
+    size_t n = std::min(frames.size() - first, static_cast<size_t>(batch_size));
+    dev.MakeBatch(frames, first, n, &rows, &labels);
+    Normalise(shift, scale, &rows);
+    float accuracy = 0.0f;
+    loss += trainer.ComputeLoss(rows, labels, &accuracy) * n;
+    correct += accuracy * n;
+    trainer.Forward(rows, &posteriors);
+    for (size_t i = 0; i < n; ++i) {
+      if (labels[i] == 0) continue;
+      ++unit_total;
+      const float* p = posteriors.RowData(static_cast<int>(i));
+      int best = static_cast<int>(std::max_element(p, p + posteriors.NumCols()) - p);
+      unit_correct += best == labels[i];
+    }
+  }
+  std::ostringstream line;
+  line.setf(std::ios::fixed);
+  line.precision(3);
+  line << "dev loss " << loss / std::max<size_t>(1, frames.size());
+  line.precision(1);
+  line << ", frame accuracy " << 100.0 * correct / std::max<size_t>(1, frames.size())
+       << "% (hotword frames " << 100.0 * unit_correct / std::max<size_t>(1, unit_total) << "%)";
+  return line.str();
+}
+
+}  // namespace
+
+Splice MakeSplice(int feature_dim, const HotwordTrainerOptions& options) {
+  std::vector<int32> offsets;
+  for (int32 o = -options.left_context; o <= options.right_context; ++o) offsets.push_back(o);
+  return Splice(feature_dim, offsets);
+}
+
+Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
+                         const HotwordTrainerOptions& options,
+                         const std::function<void(const std::string&)>& progress) {
+  std::mt19937 rng(options.seed);
+  // The layers are trained on normalised rows, without the splice and
+  // normalisation in front: the trainer then has no input gradient to
+  // propagate below the first layer. They are joined after training.
+  Vector shift, scale;
+  NormalisationOf(train, &shift, &scale);
+  Nnet layers = InitialLayers(train.InputDim(), train.NumLabels(), options, &rng);
+  Matrix rows;
+  std::vector<int32> labels;
+  std::unique_ptr<NnetTrainer> trainer;
+  float rate = -1.0f;
+  for (int epoch = 1; epoch <= options.epochs; ++epoch) {
+    auto start = std::chrono::steady_clock::now();
+    // Full step size, then a tenth of it for the last quarter of the epochs:
+    // a fresh optimiser at the smaller step settles the weights.
+    float epoch_rate = (epoch > options.epochs - options.epochs / 4) && options.epochs >= 4
+                           ? options.learning_rate * 0.1f
+                           : options.learning_rate;
+    if (epoch_rate != rate) {
+      rate = epoch_rate;
+      NnetTrainerOptions trainer_options;
+      trainer_options.adam.learning_rate = rate;
+      trainer = std::make_unique<NnetTrainer>(&layers, trainer_options);
+    }
+    std::vector<FrameRef> frames = train.EpochFrames(options.filler_fraction, &rng);
+    double loss = 0.0;
+    size_t done = 0;
+    for (size_t first = 0; first < frames.size(); first += options.batch_size) {
+      size_t n = std::min(frames.size() - first, static_cast<size_t>(options.batch_size));
+      train.MakeBatch(frames, first, n, &rows, &labels);
+      Normalise(shift, scale, &rows);
+      AugmentRows(train.GetSplice(), options, &rng, &rows);
+      loss += trainer->TrainOnBatch(rows, labels) * n;
+      done += n;
+    }
+    if (progress) {
+      std::ostringstream line;
+      line.setf(std::ios::fixed);
+      line.precision(3);
+      line << "epoch " << epoch << "/" << options.epochs << ": " << done << " frames, train loss "
+           << loss / std::max<size_t>(1, done);
+      if (dev != nullptr) line << ", " << DevScore(*trainer, *dev, shift, scale, options.max_dev_frames, 1024);
+      double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      line.precision(0);
+      line << " (" << seconds << " s)";
+      progress(line.str());
+    }
+  }
+  Nnet nnet;
+  nnet.AppendComponent(train.GetSplice().Copy());
+  nnet.AppendComponent(std::make_unique<AddShift>(shift));
+  nnet.AppendComponent(std::make_unique<Rescale>(scale));
+  for (int i = 0; i < layers.NumComponents(); ++i) nnet.AppendComponent(layers.GetComponent(i).Copy());
+  return nnet;
+}
+
+}  // namespace kestrel

@@ -1,0 +1,30 @@
+// Backward passes of the network's components, for training. The runtime's
+// components only run forward; these follow each kind's forward pass
+// (nnet-activation.h, nnet-affine-transform.h, ...) and read its parameters
+// through its accessors. Rows are consecutive frames of one utterance, as in
+// Component::Propagate.
+//
+// Stateless functions; any thread, on its own matrices.
+#ifndef KESTREL_TRAINING_NNET_BACKPROP_H_
+#define KESTREL_TRAINING_NNET_BACKPROP_H_
+
+#include "nnet/nnet-component.h"
+#include "utils/kestrel-matrix.h"
+
+namespace kestrel {
+
+// in_diff (sized like in) = d objective / d in, given out_diff = d objective
+// / d out; `in` and `out` are those of the forward pass. A kind without a
+// backward pass here is an error naming it.
+void Backpropagate(const Component& component, const MatrixBase& in, const MatrixBase& out,
+                   const MatrixBase& out_diff, MatrixBase* in_diff);
+
+// gradient (component.NumParams() floats, laid out like GetParams) +=
+// d objective / d parameters, given the forward input and out_diff. Nothing
+// for kinds without parameters.
+void AccumulateGradient(const Component& component, const MatrixBase& in,
+                        const MatrixBase& out_diff, float* gradient);
+
+}  // namespace kestrel
+
+#endif  // KESTREL_TRAINING_NNET_BACKPROP_H_
