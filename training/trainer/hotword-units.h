@@ -50,8 +50,10 @@ std::vector<int> AlignToCanonical(const std::vector<std::string>& phones,
 constexpr int kUntrainedFrame = -1;
 
 // One label per frame of the clip: 0 (filler) everywhere except under the
-// phonemes of a positive, which get their unit; kUntrainedFrame for every
-// frame of a confusable.
+// phonemes of a positive, which get their unit, and inside a near phrase
+// (a confusable's span), which is kUntrainedFrame except where it sounds
+// unlike the hotword ("a" in "a kestrel"). A confusable without a span is
+// kUntrainedFrame throughout.
 std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, int num_frames);
 
 }  // namespace kestrel
