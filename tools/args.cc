@@ -3,8 +3,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
+#include <iostream>
 #include <sstream>
 
+#include "commands.h"
 #include "detect/universal-detect-stream.h"
 #include "facade/hotword-detector.h"
 #include "model/hotword-model.h"
@@ -105,6 +107,21 @@ bool ArgParser::Parse(int argc, char** argv, int first, std::vector<std::string>
       return false;
     }
     if (!SetValue(*option, value, error)) return false;
+  }
+  return true;
+}
+
+bool ArgParser::ParseCommand(int argc, char** argv, std::vector<std::string>* positional,
+                             int* status) {
+  std::string error;
+  if (!Parse(argc, argv, 2, positional, &error)) {
+    *status = UsageError(argv[1], error);
+    return false;
+  }
+  if (HelpRequested()) {
+    std::cout << Help();
+    *status = kExitOk;
+    return false;
   }
   return true;
 }

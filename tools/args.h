@@ -37,6 +37,12 @@ class ArgParser {
              std::string* error);
   bool HelpRequested() const { return help_requested_; }
 
+  // Every command's preamble: parses the command's arguments (argv[2] on;
+  // argv[1] names the command) and returns true when the command should run.
+  // Otherwise it has printed the help (*status kExitOk) or reported the
+  // malformed command line (UsageError, *status kExitUsage).
+  bool ParseCommand(int argc, char** argv, std::vector<std::string>* positional, int* status);
+
   // Usage, description and one entry per option with its default.
   std::string Help() const;
 

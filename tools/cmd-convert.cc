@@ -20,12 +20,8 @@ int RunConvert(int argc, char** argv) {
   parser.AddFlag("binary", &binary, "write the compact binary form");
   parser.AddFlag("text", &text, "write the readable text form");
   std::vector<std::string> files;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &files, &error)) return UsageError("convert", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &files, &status)) return status;
   if (files.size() != 2) return UsageError("convert", "give one input and one output file");
   if (binary == text) return UsageError("convert", "give exactly one of --binary and --text");
 

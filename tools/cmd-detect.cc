@@ -230,12 +230,8 @@ int RunDetect(int argc, char** argv) {
                    "integers) or f32le (32-bit floats in [-1, 1])");
 
   std::vector<std::string> inputs;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &inputs, &error)) return UsageError("detect", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &inputs, &status)) return status;
   if (rate < Resampler::kMinRate || rate > Resampler::kMaxRate) {
     return UsageError("detect", "--rate must be from 8000 to 48000, got " + std::to_string(rate));
   }
@@ -245,6 +241,7 @@ int RunDetect(int argc, char** argv) {
   std::unique_ptr<DetectCommand> command;
   try {
     HotwordDetectorOptions options;
+    std::string error;
     if (!MakeDetectorOptions(args, &options, &error)) return UsageError("detect", error);
     if (inputs.empty()) {
       return UsageError("detect", "no input: give WAV files, or - for standard input");

@@ -22,8 +22,6 @@
 namespace kestrel {
 namespace {
 
-void Progress(const std::string& line) { std::cerr << line << std::endl; }
-
 // Sensitivities from `centre` - `radius` to `centre` + `radius` in `step`s,
 // kept within [0, 1].
 std::vector<float> SensitivityGrid(float centre, float radius, float step) {
@@ -179,12 +177,8 @@ int RunEvaluate(int argc, char** argv) {
   parser.AddInt("threads", &config.threads, "worker threads");
   AddCorpusScanOptions(&parser, &detector);
   std::vector<std::string> positional;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &positional, &error)) return UsageError("evaluate", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &positional, &status)) return status;
   if (config.corpus.empty()) return UsageError("evaluate", "--corpus is required");
   if (positional.size() != 1) return UsageError("evaluate", "give exactly one model file");
   if (config.threads < 1) return UsageError("evaluate", "--threads must be at least 1");

@@ -21,12 +21,8 @@ int RunFeatures(int argc, char** argv) {
       "other rates are resampled to 16 kHz, several channels are mixed down. A\n"
       "last frame shorter than 25 ms is not computed.");
   std::vector<std::string> files;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &files, &error)) return UsageError("features", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &files, &status)) return status;
   if (files.size() != 2) return UsageError("features", "give one WAV file and one .npy file");
 
   try {

@@ -89,12 +89,8 @@ int RunInfo(int argc, char** argv) {
                    "order), units, sensitivity and search method; and the network's layers\n"
                    "with their dimensions. Windows are in 10 ms feature frames.");
   std::vector<std::string> models;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &models, &error)) return UsageError("info", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &models, &status)) return status;
   if (models.empty()) return UsageError("info", "no model files given");
 
   // All are read before any is shown, so a bad file prints nothing.

@@ -54,12 +54,8 @@ int RunListen(int argc, char** argv) {
   parser.AddFlag("json", &json, "print JSON lines: file (the device), time,\nsample, hotword, name, score");
 
   std::vector<std::string> positional;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &positional, &error)) return UsageError("listen", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &positional, &status)) return status;
   if (!positional.empty()) return UsageError("listen", "unexpected argument \"" + positional[0] + "\"");
   if (seconds < 0) return UsageError("listen", "--seconds must not be negative");
 
@@ -67,6 +63,7 @@ int RunListen(int argc, char** argv) {
   std::unique_ptr<HotwordDetector> detector;
   try {
     HotwordDetectorOptions options;
+    std::string error;
     if (!MakeDetectorOptions(args, &options, &error)) return UsageError("listen", error);
     capture = std::make_unique<AlsaCapture>(device);
     options.sample_rate = capture->SampleRate();
@@ -89,7 +86,6 @@ int RunListen(int argc, char** argv) {
     for (const Detection& d : detections) std::cout << DetectionLine(device, d, json) << "\n";
     std::cout << std::flush;  // as they happen, also into a pipe
   };
-  int status = kExitOk;
   try {
     while (!g_interrupted && (limit == 0 || heard < limit)) {
       const size_t want = limit == 0 ? period : static_cast<size_t>(std::min<int64>(period, limit - heard));

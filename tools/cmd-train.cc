@@ -54,8 +54,6 @@ class Timer {
   Clock::time_point start_ = Clock::now();
 };
 
-void Progress(const std::string& line) { std::cerr << line << std::endl; }
-
 std::vector<std::vector<int>> LabelsOf(const CorpusSplit& split, const HotwordUnits& units) {
   std::vector<std::vector<int>> labels;
   for (size_t c = 0; c < split.clips.size(); ++c) {
@@ -170,12 +168,8 @@ int RunTrain(int argc, char** argv) {
   parser.AddFlag("text", &config.text, "write the model in text form");
   AddCorpusScanOptions(&parser, &detector);
   std::vector<std::string> positional;
-  std::string error;
-  if (!parser.Parse(argc, argv, 2, &positional, &error)) return UsageError("train", error);
-  if (parser.HelpRequested()) {
-    std::cout << parser.Help();
-    return kExitOk;
-  }
+  int status = kExitOk;
+  if (!parser.ParseCommand(argc, argv, &positional, &status)) return status;
   if (config.corpus.empty()) return UsageError("train", "--corpus is required");
   if (config.out.empty()) return UsageError("train", "--out is required");
   if (!positional.empty()) return UsageError("train", "unexpected argument \"" + positional[0] + "\"");

@@ -22,6 +22,8 @@ int RunEvaluate(int argc, char** argv);
 int UsageError(const std::string& command, const std::string& message);
 // "kestrel: <message>" on standard error, one line; returns kExitFailure.
 int Failure(const std::string& message);
+// A progress line of a long command (train, evaluate) on standard error.
+void Progress(const std::string& line);
 
 }  // namespace kestrel
 

@@ -60,6 +60,8 @@ int Failure(const std::string& message) {
   return kExitFailure;
 }
 
+void Progress(const std::string& line) { std::cerr << line << std::endl; }
+
 }  // namespace kestrel
 
 int main(int argc, char** argv) {

@@ -6,13 +6,7 @@
 
 namespace kestrel {
 
-std::string Activation::CheckData() const {
-  if (InputDim() != OutputDim()) {
-    return "output dimension " + std::to_string(OutputDim()) + " differs from input dimension " +
-           std::to_string(InputDim()) + " (they must be equal)";
-  }
-  return "";
-}
+std::string Activation::CheckData() const { return SameDimensionsProblem(); }
 
 void Relu::Propagate(const MatrixBase& in, MatrixBase* out) const {
   const int cols = in.NumCols();

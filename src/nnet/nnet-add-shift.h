@@ -5,37 +5,22 @@
 #define KESTREL_NNET_NNET_ADD_SHIFT_H_
 
 #include <memory>
-#include <string>
 
-#include "nnet/nnet-component.h"
+#include "nnet/nnet-vector-component.h"
 #include "utils/kestrel-matrix.h"
 
 namespace kestrel {
 
-class AddShift : public Component {
+class AddShift : public VectorComponent {
  public:
-  AddShift(int input_dim, int output_dim) : Component(input_dim, output_dim) {}
-  explicit AddShift(const Vector& shift)
-      : Component(shift.Dim(), shift.Dim()), shift_(shift) {}
+  AddShift(int input_dim, int output_dim) : VectorComponent(input_dim, output_dim, "shift") {}
+  explicit AddShift(const Vector& shift) : VectorComponent(shift, "shift") {}
 
   const char* Token() const override { return "<AddShift>"; }
   std::unique_ptr<Component> Copy() const override { return std::make_unique<AddShift>(*this); }
-  const Vector& Shift() const { return shift_; }
+  const Vector& Shift() const { return Values(); }
 
   void Propagate(const MatrixBase& in, MatrixBase* out) const override;
-
-  // Parameters: the shift.
-  int NumParams() const override { return shift_.Dim(); }
-  void GetParams(float* params) const override;
-  void SetParams(const float* params) override;
-
- protected:
-  void ReadData(bool binary, std::istream* is) override;
-  void WriteData(bool binary, std::ostream* os) const override;
-  std::string CheckData() const override;
-
- private:
-  Vector shift_;
 };
 
 }  // namespace kestrel

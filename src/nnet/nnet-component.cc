@@ -101,4 +101,12 @@ void Component::Write(bool binary, std::ostream* os) const {
   WriteData(binary, os);
 }
 
+std::string Component::SameDimensionsProblem() const {
+  if (InputDim() != OutputDim()) {
+    return "output dimension " + std::to_string(OutputDim()) + " differs from input dimension " +
+           std::to_string(InputDim()) + " (they must be equal)";
+  }
+  return "";
+}
+
 }  // namespace kestrel

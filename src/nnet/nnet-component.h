@@ -62,6 +62,9 @@ class Component {
   Component(const Component&) = default;
   Component& operator=(const Component&) = default;
 
+  // The CheckData phrase for kinds whose dimensions must be equal, or "".
+  std::string SameDimensionsProblem() const;
+
   // Reads and writes the parameters that follow the dimensions.
   virtual void ReadData(bool /*binary*/, std::istream* /*is*/) {}
   virtual void WriteData(bool /*binary*/, std::ostream* /*os*/) const {}
