@@ -12,8 +12,8 @@
 // optional). "split", "engine", "voice", "text", "placement", "speed" and
 // "noise" are kept for reports.
 // Other fields are ignored, so the generator may add more.
-#ifndef KESTREL_TOOLS_TRAIN_CORPUS_MANIFEST_H_
-#define KESTREL_TOOLS_TRAIN_CORPUS_MANIFEST_H_
+#ifndef KESTREL_TRAINING_TRAINER_CORPUS_MANIFEST_H_
+#define KESTREL_TRAINING_TRAINER_CORPUS_MANIFEST_H_
 
 #include <string>
 #include <utility>
@@ -63,4 +63,4 @@ CorpusClip ParseManifestLine(const std::string& line, const std::string& where,
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_CORPUS_MANIFEST_H_
+#endif  // KESTREL_TRAINING_TRAINER_CORPUS_MANIFEST_H_

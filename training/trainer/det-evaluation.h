@@ -13,8 +13,8 @@
 // fires on everyday audio. Every other detection is a false alarm, in
 // negatives and in the speech around a positive's hotword alike. False alarms
 // per hour are counted over all audio outside hotwords and confusables.
-#ifndef KESTREL_TOOLS_TRAIN_DET_EVALUATION_H_
-#define KESTREL_TOOLS_TRAIN_DET_EVALUATION_H_
+#ifndef KESTREL_TRAINING_TRAINER_DET_EVALUATION_H_
+#define KESTREL_TRAINING_TRAINER_DET_EVALUATION_H_
 
 #include <functional>
 #include <string>
@@ -95,4 +95,4 @@ bool WriteDetPlot(const std::vector<NamedCurve>& curves, const std::string& png_
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_DET_EVALUATION_H_
+#endif  // KESTREL_TRAINING_TRAINER_DET_EVALUATION_H_

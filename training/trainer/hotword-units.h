@@ -11,8 +11,8 @@
 // minimum-edit alignment, so every clip labels the same units.
 //
 // Plain values; any thread.
-#ifndef KESTREL_TOOLS_TRAIN_HOTWORD_UNITS_H_
-#define KESTREL_TOOLS_TRAIN_HOTWORD_UNITS_H_
+#ifndef KESTREL_TRAINING_TRAINER_HOTWORD_UNITS_H_
+#define KESTREL_TRAINING_TRAINER_HOTWORD_UNITS_H_
 
 #include <string>
 #include <vector>
@@ -58,4 +58,4 @@ std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, 
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_HOTWORD_UNITS_H_
+#endif  // KESTREL_TRAINING_TRAINER_HOTWORD_UNITS_H_

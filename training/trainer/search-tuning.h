@@ -10,8 +10,8 @@
 // kettle") at most as often as allowed, is found by bisection, and the setting with the lowest
 // false rejection rate there wins (ties: fewer false alarms, then the larger
 // sensitivity).
-#ifndef KESTREL_TOOLS_TRAIN_SEARCH_TUNING_H_
-#define KESTREL_TOOLS_TRAIN_SEARCH_TUNING_H_
+#ifndef KESTREL_TRAINING_TRAINER_SEARCH_TUNING_H_
+#define KESTREL_TRAINING_TRAINER_SEARCH_TUNING_H_
 
 #include <functional>
 #include <string>
@@ -80,4 +80,4 @@ std::string SearchMethodLabel(int32 method);
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_SEARCH_TUNING_H_
+#endif  // KESTREL_TRAINING_TRAINER_SEARCH_TUNING_H_
