@@ -233,7 +233,7 @@ void BM_SourceAndFilterbank(benchmark::State& state) {
 void BM_NetworkAndDetector(benchmark::State& state) {
   const int config = static_cast<int>(state.range(0));
   const FeatureBlocks& features = Features();
-  UniversalDetectStream detector(DetectorOptions(config).detector);
+  UniversalDetectStream detector(UniversalDetectStreamOptions(), DetectorOptions(config).models);
   Matrix result;
   std::vector<FrameInfo> info;
   Measure(state, std::string("network+detector/") + kConfigNames[config], [&] {
@@ -247,7 +247,7 @@ void BM_NetworkAndDetector(benchmark::State& state) {
 void BM_Network(benchmark::State& state) {
   const int config = static_cast<int>(state.range(0));
   const FeatureBlocks& features = Features();
-  Nnet nnet = UniversalDetectStream(DetectorOptions(config).detector).GetNnet(0);
+  Nnet nnet = DetectorOptions(config).models[0].nnet;
   Matrix posteriors;
   std::vector<FrameInfo> info;
   Measure(state, std::string("network/") + kConfigNames[config], [&] {

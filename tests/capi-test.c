@@ -110,6 +110,22 @@ static void TestDetection(const int16_t* samples, size_t n) {
   CHECK(from_floats.count == 1 && from_floats.first.sample == found.first.sample);
   free(floats);
 
+  /* The same audio at 48 kHz (each sample three times), found at three
+   * times the position, within a block. */
+  int16_t* tripled = malloc(3 * n * sizeof(int16_t));
+  for (size_t i = 0; i < 3 * n; ++i) tripled[i] = samples[i / 3];
+  kestrel_detector_options at48k;
+  kestrel_detector_options_init(&at48k);
+  at48k.sample_rate = 48000;
+  kestrel_detector* d48 = NULL;
+  CHECK(kestrel_detector_create_ex(&kModel, 1, &at48k, &d48) == KESTREL_OK);
+  if (d48 != NULL) {
+    Found resampled = Run(d48, tripled, NULL, 3 * n);
+    CHECK(resampled.count == 1 && llabs(resampled.first.sample - 3 * found.first.sample) <= 4800);
+  }
+  kestrel_detector_destroy(d48);
+  free(tripled);
+
   /* A threshold of 2 cannot be passed; the setting holds until changed. */
   CHECK(kestrel_detector_set_sensitivity(d, 1, -1.0f) == KESTREL_OK);
   float now = 0.0f;

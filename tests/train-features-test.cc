@@ -187,9 +187,15 @@ TEST(FrameLabels, LabelEachFrameByThePhonemeUnderItsCentre) {
   CorpusClip negative;
   negative.kind = ClipKind::kNegative;
   EXPECT_EQ(FrameLabels(negative, units, 5), std::vector<int>(5, 0));
-  // Confusables share the hotword's sounds: not trained on at all.
+  // A near phrase without a span is not trained on at all; with one, its
+  // context is filler, the phrase untrained except where it differs.
   negative.kind = ClipKind::kConfusable;
   EXPECT_EQ(FrameLabels(negative, units, 5), std::vector<int>(5, kUntrainedFrame));
+  negative.span_start = 0.02;
+  negative.span_end = 0.08;
+  negative.differs = {{0.04, 0.06}};
+  const int u = kUntrainedFrame;
+  EXPECT_EQ(FrameLabels(negative, units, 10), (std::vector<int>{0, u, u, 0, 0, u, u, 0, 0, 0}));
 }
 
 TEST(ManifestLine, ReadsAPositiveAndNamesBadFields) {
@@ -211,6 +217,19 @@ TEST(ManifestLine, ReadsAPositiveAndNamesBadFields) {
   ASSERT_EQ(c.confusable_spans.size(), 1u);
   EXPECT_DOUBLE_EQ(c.confusable_spans[0].first, 7.25);
   EXPECT_DOUBLE_EQ(c.confusable_spans[0].second, 8.0);
+  EXPECT_EQ(c.confusable_texts, std::vector<std::string>{"hay kestrel"});
+
+  // A near phrase inside a sentence: its span, where it differs, and the
+  // report fields.
+  c = ParseManifestLine(
+      R"({"wav": "c.wav", "kind": "confusable", "duration": 3, "span": [1.0, 1.8],)"
+      R"( "differs": [[1.0, 1.2]], "text": "a kestrel", "placement": "run-on", "speed": 1.2})",
+      "m.jsonl:3", "");
+  EXPECT_DOUBLE_EQ(c.span_end, 1.8);
+  ASSERT_EQ(c.differs.size(), 1u);
+  EXPECT_DOUBLE_EQ(c.differs[0].second, 1.2);
+  EXPECT_EQ(c.text + "/" + c.placement, "a kestrel/run-on");
+  EXPECT_DOUBLE_EQ(c.speed, 1.2);
 
   // Errors name the line and what was wrong with it.
   const std::pair<const char*, const char*> bad[] = {
@@ -219,6 +238,8 @@ TEST(ManifestLine, ReadsAPositiveAndNamesBadFields) {
        "field \"duration\": expected a number, found a string"},
       {R"({"wav": "a.wav", "kind": "positive", "duration": 1, "hotword": [0.1, 0.5]})",
        "missing field \"phonemes\""},
+      {R"({"wav": "a.wav", "kind": "confusable", "duration": 1, "span": [0.1]})",
+       "field \"span\": expected 2 entries, found 1"},
       {R"({"wav": "a.wav", "kind": )", "m.jsonl:7: malformed JSON"}};
   for (const auto& [line, problem] : bad) {
     const std::string text = KESTREL_ERROR_TEXT(ParseManifestLine(line, "m.jsonl:7", ""));
@@ -286,6 +307,29 @@ TEST(FrrByVoiceTable, OneRowPerVoiceOfFewVoiceEnginesOneForManyVoiceEngines) {
             "| espeak-ng (all voices) | 8/9 | 11.1% |\n"
             "| festival kal | 1/1 | 0.0% |\n"
             "| festival ked | 1/2 | 50.0% |\n");
+  // Any grouping; clips without a group name are left out.
+  EXPECT_EQ(FrrByGroupTable(clips, detections, 0.5, "engine",
+                            [](const CorpusClip& c) { return c.voice == "kal" ? "" : c.engine; }),
+            "| engine | detected | FRR |\n|---|---|---|\n"
+            "| espeak-ng | 8/9 | 11.1% |\n"
+            "| festival | 1/2 | 50.0% |\n");
+}
+
+TEST(NearPhraseTable, CountsClipsAndPhrasesInsideRecordingsMostAcceptedFirst) {
+  std::vector<CorpusClip> clips{Clip(ClipKind::kConfusable, 2.0), Clip(ClipKind::kConfusable, 2.0),
+                                Clip(ClipKind::kConfusable, 2.0), Clip(ClipKind::kNegative, 60.0)};
+  clips[0].text = clips[1].text = "hey kettle";
+  clips[2].text = "a kestrel";
+  clips[3].confusable_spans = {{10.0, 11.0}, {20.0, 21.0}};
+  clips[3].confusable_texts = {"a kestrel", "a kestrel"};
+  // Accepted: one "hey kettle" clip, the "a kestrel" clip, the first
+  // "a kestrel" in the recording (0.3 s after its end, within tolerance).
+  std::vector<std::vector<int>> detections{{50}, {}, {30}, {1129, 3000}};
+  EXPECT_EQ(NearPhraseTable(clips, detections, 0.5),
+            "| near phrase | accepted | rate |\n|---|---|---|\n"
+            "| a kestrel | 2/3 | 66.7% |\n"
+            "| hey kettle | 1/2 | 50.0% |\n"
+            "| all | 3/5 | 60.0% |\n");
 }
 
 TEST(OperatingCurve, PicksTheBestPointWithinTheBudget) {
@@ -382,6 +426,20 @@ TEST_F(ScanTest, TuningFindsTheSensitivityBetweenHotwordsAndLookalikes) {
     EXPECT_LT(1.0f - s, 0.9f);
   }
   EXPECT_EQ(tuned[BestTunedSearch(tuned)].point.detected, 4);
+
+  // As a near phrase the lookalike costs no false alarm, but accepting it
+  // breaks the near-phrase budget just the same.
+  clips.back().kind = ClipKind::kConfusable;
+  options.max_false_alarms_per_hour = 100.0;
+  options.max_near_phrase_accept_rate = 0.0;
+  for (const TunedSearch& t : TuneSearchMethods(clips, posteriors, {0.2, 0.2}, options, nullptr)) {
+    EXPECT_EQ(t.point.confusables_accepted, 0);
+    EXPECT_EQ(t.point.detected, 4);
+  }
+  options.max_near_phrase_accept_rate = 1.0;
+  for (const TunedSearch& t : TuneSearchMethods(clips, posteriors, {0.2, 0.2}, options, nullptr)) {
+    EXPECT_EQ(t.point.confusables_accepted, 1);
+  }
 }
 
 TEST_F(ScanTest, SettingsSpreadTheMaskByUnitDurations) {

@@ -39,6 +39,15 @@ std::vector<double> UnitWeights(const std::vector<int32>& mask) {
   return weights;
 }
 
+// Speaking-rate band of a clip (its speed relative to the engine's normal).
+std::string SpeedBand(const CorpusClip& clip) {
+  if (clip.speed <= 0.0) return "";
+  if (clip.speed < 0.85) return "1 slow (< 0.85x)";
+  if (clip.speed < 1.15) return "2 normal (0.85-1.15x)";
+  if (clip.speed < 1.35) return "3 fast (1.15-1.35x)";
+  return "4 very fast (>= 1.35x)";
+}
+
 struct EvaluateConfig {
   std::string corpus;
   std::string split = "test";
@@ -49,6 +58,7 @@ struct EvaluateConfig {
   std::string det;
   std::string tolerance = "0.5";
   std::string max_fa = "0.5";
+  std::string max_near = "0.15";
   int32 threads = 2;
 };
 
@@ -73,6 +83,7 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
   tuning.num_threads = config.threads;
   tuning.tolerance_seconds = ConvertStringToIntegerOrFloat<double>(config.tolerance);
   tuning.max_false_alarms_per_hour = ConvertStringToIntegerOrFloat<double>(config.max_fa);
+  tuning.max_near_phrase_accept_rate = ConvertStringToIntegerOrFloat<double>(config.max_near);
   const std::string cache = config.cache_dir.empty() ? config.corpus : config.cache_dir;
   SplitStringToIntegers<int32>(config.methods, ",", &tuning.methods);
 
@@ -119,8 +130,22 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
       << "At the model's sensitivity " << shipped << ": FRR "
       << 100.0 * at_shipped.FalseRejectionRate() << "% (" << at_shipped.detected << "/"
       << at_shipped.positives << " detected), " << at_shipped.false_alarms << " false alarms ("
-      << at_shipped.FalseAlarmsPerHour() << " per hour). By voice:\n\n"
+      << at_shipped.FalseAlarmsPerHour() << " per hour), near phrases accepted "
+      << 100.0 * at_shipped.ConfusableAcceptRate() << "% (" << at_shipped.confusables_accepted
+      << "/" << at_shipped.confusables << ").\n\n"
+      << "By voice:\n\n"
       << FrrByVoiceTable(test.clips, shipped_detections, tuning.tolerance_seconds) << "\n"
+      << "By where the hotword is said:\n\n"
+      << FrrByGroupTable(test.clips, shipped_detections, tuning.tolerance_seconds, "placement",
+                         [](const CorpusClip& c) { return c.placement; })
+      << "\nBy speaking rate:\n\n"
+      << FrrByGroupTable(test.clips, shipped_detections, tuning.tolerance_seconds,
+                         "speaking rate", SpeedBand)
+      << "\nBy noise:\n\n"
+      << FrrByGroupTable(test.clips, shipped_detections, tuning.tolerance_seconds, "noise",
+                         [](const CorpusClip& c) { return c.noise; })
+      << "\nNear phrases accepted:\n\n"
+      << NearPhraseTable(test.clips, shipped_detections, tuning.tolerance_seconds) << "\n"
       << "### Search methods (each tuned on " << config.tune_split << ")\n\n"
       << ComparisonTable(curves, {0.1, 0.5, 1.0, 2.0}) << "\n";
   if (!tuned.empty()) {
@@ -174,6 +199,8 @@ int RunEvaluate(int argc, char** argv) {
                    "seconds after a hotword's end in which a detection still counts");
   parser.AddString("max-fa-per-hour", &config.max_fa,
                    "false alarm budget when tuning the compared methods");
+  parser.AddString("max-near-accept", &config.max_near,
+                   "near-phrase acceptance allowed when tuning the compared methods");
   parser.AddInt("threads", &config.threads, "worker threads");
   AddCorpusScanOptions(&parser, &detector);
   std::vector<std::string> positional;

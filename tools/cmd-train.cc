@@ -35,6 +35,7 @@ struct TrainConfig {
   // The two best on dev; `kestrel evaluate` compares them all.
   std::string methods = "3,6";
   std::string max_fa = "0.5";
+  std::string max_near = "0.15";
   std::string learning_rate = "0.001";
   std::string filler_fraction = "0.5";
   // Four units: with six, a fast speaker's shortest units lasted fewer
@@ -88,6 +89,7 @@ int Train(TrainConfig config, const UniversalDetectStreamOptions& detector) {
   tuning.detector = detector;
   tuning.num_threads = config.threads;
   tuning.max_false_alarms_per_hour = ConvertStringToIntegerOrFloat<double>(config.max_fa);
+  tuning.max_near_phrase_accept_rate = ConvertStringToIntegerOrFloat<double>(config.max_near);
   SplitStringToIntegers<int32>(config.methods, ",", &tuning.methods);
   if (tuning.methods.empty()) return UsageError("train", "--methods names no search method");
   FeatureSet dev_posteriors = ComputePosteriors(nnet, dev.features, config.threads);
@@ -110,7 +112,9 @@ int Train(TrainConfig config, const UniversalDetectStreamOptions& detector) {
          << best.settings.smooth_window << ", slide window " << best.settings.slide_window
          << ", floor " << hw.search_floor[0] << ", sensitivity " << hw.sensitivity << "\n"
          << config.dev_split << " at that sensitivity: FRR " << 100.0 * best.point.FalseRejectionRate()
-         << "%, " << best.point.false_alarms << " false alarms in " << best.point.hours << " h\n";
+         << "%, " << best.point.false_alarms << " false alarms in " << best.point.hours
+         << " h, near phrases accepted " << best.point.confusables_accepted << "/"
+         << best.point.confusables << "\n";
   report.precision(0);
   report << "time: features " << feature_seconds << " s, training " << training_seconds
          << " s, tuning " << tuning_seconds << " s, total " << total.Seconds() << " s\n";
@@ -137,7 +141,8 @@ int RunTrain(int argc, char** argv) {
       "labels each frame of the positives with its hotword unit from the phoneme\n"
       "timings, trains the network, then chooses the search method, windows,\n"
       "floors and sensitivity on the held-out split so that false alarms stay\n"
-      "within --max-fa-per-hour, and writes the model. Progress goes to standard\n"
+      "within --max-fa-per-hour and near phrases are accepted at most\n"
+      "--max-near-accept of the time, and writes the model. Progress goes to standard\n"
       "error, a summary to standard output.");
   parser.AddString("corpus", &config.corpus, "corpus directory with the manifests; required");
   parser.AddString("out", &config.out, "model file to write; required");
@@ -164,6 +169,8 @@ int RunTrain(int argc, char** argv) {
   parser.AddString("methods", &config.methods, "search methods to choose from, comma-separated");
   parser.AddString("max-fa-per-hour", &config.max_fa,
                    "false alarms per hour allowed on the held-out split");
+  parser.AddString("max-near-accept", &config.max_near,
+                   "share of the held-out near phrases the detector may accept");
   parser.AddInt("threads", &config.threads, "worker threads for features and tuning");
   parser.AddFlag("text", &config.text, "write the model in text form");
   AddCorpusScanOptions(&parser, &detector);

@@ -5,7 +5,7 @@ set -eu
 
 PKGS="python3 python3-numpy python3-scipy espeak-ng libespeak-ng1 flite
       festival festvox-kallpc16k festvox-kdlpc16k festvox-us-slt-hts
-      fortune-mod fortunes wamerican sox"
+      festlex-cmu fortune-mod fortunes wamerican sox"
 
 missing=""
 for p in $PKGS; do

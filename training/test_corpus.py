@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import sys
 import tempfile
 import unittest
@@ -84,12 +85,51 @@ class TinyCorpus(unittest.TestCase):
                 self.assertEqual(e["snr_db"], 10.0)
 
     def test_no_phrase_in_negatives(self):
+        # Not in words, and not in sounds either ("hay kestrel"): near
+        # phrases are negatives.
+        phon = build._TEXT["phonetics"]
         for e in self.entries():
             if e["kind"] != "positive":
-                said = [e["text"] or ""] + e.get("context", []) + [
+                said = [e["text"] or "", e.get("utterance", "")] + e.get("context", []) + [
                     u[5] for u in e.get("utterances", [])]
                 for t in said:
                     self.assertFalse(texts.contains_phrase(t, "hey kestrel"), (e["wav"], t))
+                    self.assertFalse(phon.says_phrase(t), (e["wav"], t))
+
+    def test_phrase_said_once_where_labelled(self):
+        # Inside a sentence the labelled phones are the phrase's own sounds,
+        # and near phrases' differing parts lie inside their span.
+        phon = build._TEXT["phonetics"]
+        placements = set()
+        for e in self.entries():
+            if e["kind"] == "positive":
+                placements.add(e["placement"])
+                self.assertEqual(phon.times_said(e["utterance"]), 1, e["utterance"])
+                arpa = [p[0] for p in e["phonemes_arpa"]]
+                # Dialects drop the h or say "r E l": one sound apart at most.
+                self.assertLessEqual(texts._seq_distance(texts.sounds(arpa), phon.target), 1,
+                                     (e["voice"], arpa))
+            if e["kind"] == "confusable":
+                for a, b in e["differs"]:
+                    self.assertTrue(e["span"][0] <= a < b <= e["span"][1], e)
+        self.assertEqual(placements, {"alone", "start", "run-on", "pause"})
+
+    def test_dev_voices_unrelated_to_train(self):
+        # Dev judges unheard voices: no variant of a trained family (m7 next
+        # to m1, whisperf next to whisper), no made-up speaker, no shared
+        # Flite voice.
+        def family(v):
+            return re.sub(r"[0-9]+$", "", v.lower())
+
+        def related(a, b):
+            short, long = sorted((family(a), family(b)), key=len)
+            return short == long or (len(short) >= 3 and (long.startswith(short)
+                                                         or long.endswith(short)))
+        for v in build.ESPEAK_VARIANTS["dev"]:
+            self.assertFalse([t for t in build.ESPEAK_VARIANTS["train"] if t and related(t, v)], v)
+        self.assertFalse(set(build.FLITE_VOICES["dev"]) & set(build.FLITE_VOICES["train"]))
+        for e in self.m["dev"]:
+            self.assertNotIn(synth_server.RANDOM_VARIANT, e["voice"] or "")
 
     def test_festival_only_in_test(self):
         for s in ("train", "dev"):
@@ -116,12 +156,35 @@ class TinyCorpus(unittest.TestCase):
 
 
 class Pieces(unittest.TestCase):
-    def test_confusables_for_other_phrase(self):
-        c = texts.confusables("ok robin", ["robins", "robing", "rosin", "oak", "okay", "ok"])
-        self.assertNotIn("ok robin", c)
-        self.assertIn("ok robins", c)
-        self.assertIn("ok rosin", c)
-        self.assertTrue(all(len(x.split()) <= 2 for x in c))
+    def test_near_phrases_for_any_phrase(self):
+        # Near phrases share a word or most sounds, and never say the phrase
+        # (homophones such as "oak robin" are left out).
+        words = ["robins", "robing", "rosin", "oak", "okay", "robbing", "ok", "table", "rob"]
+        lex = texts.load_lexicon(set(words) | {"robin"})
+        phon = texts.Phonetics("ok robin", lex, texts.espeak_sounds)
+        near = texts.near_phrases("ok robin", phon, sorted(words))
+        self.assertIn("ok robbing", near)
+        self.assertIn("robin", near)
+        self.assertIn("table robin", near)
+        for t in ("okay robin", "ok robin"):
+            self.assertNotIn(t, near)
+        self.assertTrue(all(not phon.says_phrase(t) and len(t.split()) <= 2 for t in near))
+
+    def test_phrase_found_inside_a_sentence(self):
+        # Each engine's word timings find the phrase after a run-on word,
+        # after a pause, and before more speech.
+        text = "so hey kestrel, so. Hey kestrel the end"
+        reqs = [dict(engine="espeak-ng", voice="gmw/en-US", rate=170, pitch=50),
+                dict(engine="flite", voice="kal16", rate=1.0, pitch=1.0),
+                dict(engine="festival", voice="kal_diphone", rate=1.0, pitch=110)]
+        for r, u in zip(reqs, tts.synth_many([dict(r, text=text) for r in reqs])):
+            with self.assertRaises(ValueError):        # said twice
+                u.locate(["hey", "kestrel"])
+            first, last = u.locate(["kestrel", "the"])
+            arpa = [tts.to_arpa(r["engine"], p[0]) for p in u.phones[first:last + 1]]
+            self.assertEqual(texts.sounds(arpa)[:6], ["K", "EH", "S", "T", "R", "L"], r)
+            so = u.locate(["kestrel", "so"])[0]
+            self.assertLess(u.phones[so][2], u.phones[first][1], r)
 
     def test_reverb_keeps_onset(self):
         ir = audio.room_ir(np.random.default_rng(0), 0.6, 3.0)

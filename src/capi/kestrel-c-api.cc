@@ -24,8 +24,6 @@ struct kestrel_detector {
   // The detections of the last process or flush call; their names point
   // into the detector's names.
   std::vector<kestrel_detection> detections;
-  // Float input converted to the facade's int16, reused across calls.
-  std::vector<int16_t> converted;
 };
 
 namespace {
@@ -119,15 +117,16 @@ kestrel_status FacadeOptions(const kestrel_detector_options& options,
       out->sensitivities.push_back(options.sensitivities[i]);
     }
   }
+  out->sample_rate = options.sample_rate;
   out->models = std::move(models);
   return KESTREL_OK;
 }
 
 kestrel_status CheckOptions(const kestrel_detector_options& options, const char* function) {
-  if (options.sample_rate != 16000) {
+  if (options.sample_rate < 8000 || options.sample_rate > 48000) {
     return Fail(KESTREL_ERROR_ARGUMENT, std::string(function) + ": sample rate " +
                                             std::to_string(options.sample_rate) +
-                                            " Hz is not supported; give 16000");
+                                            " Hz is outside 8000 to 48000 Hz");
   }
   if (options.num_names > 0 && options.names == nullptr) {
     return Fail(KESTREL_ERROR_ARGUMENT, std::string(function) + ": num_names is " +
@@ -310,14 +309,8 @@ kestrel_status kestrel_detector_process_float(kestrel_detector* d, const float* 
                   std::string(function) + ": sample " + std::to_string(i) + " is not finite");
     }
   }
-  return RunStream(d, detections, count, function, [&]() {
-    d->converted.resize(n);
-    for (size_t i = 0; i < n; ++i) {
-      const float scaled = std::fmin(std::fmax(samples[i] * 32768.0f, -32768.0f), 32767.0f);
-      d->converted[i] = static_cast<int16_t>(std::lrint(scaled));
-    }
-    return d->detector->Process(d->converted.data(), n);
-  });
+  return RunStream(d, detections, count, function,
+                   [&]() { return d->detector->Process(samples, n); });
 }
 
 kestrel_status kestrel_detector_flush(kestrel_detector* d, const kestrel_detection** detections,

@@ -27,6 +27,9 @@
 #include <vector>
 
 #include "utils/kestrel-types.h"
+#include "utils/kestrel-export.h"
+
+KESTREL_PUBLIC_BEGIN
 
 namespace kestrel {
 
@@ -80,5 +83,7 @@ class Resampler {
 };
 
 }  // namespace kestrel
+
+KESTREL_PUBLIC_END
 
 #endif  // KESTREL_FRONTEND_RESAMPLER_H_

@@ -119,7 +119,8 @@ KESTREL_API kestrel_status kestrel_detector_process(kestrel_detector* d, const i
                                                     const kestrel_detection** detections,
                                                     size_t* count);
 
-/* The same for float samples, full scale -1 to 1 (louder values are clipped). */
+/* The same for float samples, full scale -1 to 1; a sample that is not finite
+ * (NaN, infinite) is an argument error. */
 KESTREL_API kestrel_status kestrel_detector_process_float(kestrel_detector* d,
                                                           const float* samples, size_t n,
                                                           const kestrel_detection** detections,

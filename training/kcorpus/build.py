@@ -25,20 +25,21 @@ _SUBDIR = {"positive": "pos", "confusable": "conf", "negative": "neg",
 
 # eSpeak voices are "<language file>+<variant>".  Variants and speaking
 # rates are disjoint between splits so dev/test voices are never trained on.
+# Dev's variants are whole families that train lacks (no m7 next to
+# m1..m6), so that settings chosen on dev carry over to unheard voices.
 _LANGS = ["gmw/en", "gmw/en-US", "gmw/en-GB-scotland", "gmw/en-GB-x-rp",
           "gmw/en-GB-x-gbclan", "gmw/en-GB-x-gbcwmd", "gmw/en-029"]
 ESPEAK_LANGS = {"train": _LANGS, "dev": _LANGS, "test": _LANGS + ["gmw/en-US-nyc"]}
 ESPEAK_VARIANTS = {
-    "train": ["", "m1", "m2", "m3", "m4", "m5", "m6", "f1", "f2", "f3", "f4",
-              "croak", "whisper", "klatt", "klatt2", "klatt3", "Alex", "Alicia",
-              "Andrea", "Andy", "Annie", "Denis", "Diogo", "Gene", "Henrique",
-              "Hugo", "Jacky", "Lee", "Marco", "Mario", "Michael", "Mike", "adam",
-              "anika", "announcer", "antonio", "belinda", "boris", "caleb",
-              "david", "ed", "edward", "gustave", "iven", "iven2", "john",
-              "linda", "max", "michel", "miguel", "pablo", "paul", "quincy",
-              "rob", "robert", "steph", "steph2"],
-    "dev": ["m7", "f5", "klatt4", "whisperf", "AnxiousAndy", "Gene2", "iven3",
-            "marcelo", "pedro", "steph3", "zac"],
+    "train": ["", "m1", "m2", "m3", "m4", "m5", "m6", "m7", "f1", "f2", "f3", "f4",
+              "f5", "croak", "whisper", "whisperf", "klatt", "klatt2", "klatt3", "klatt4",
+              "Alex", "Andy", "AnxiousAndy", "Denis", "Diogo", "Gene", "Gene2",
+              "Henrique", "Hugo", "Jacky", "Lee", "Marco", "Mario", "Michael", "Mike",
+              "adam", "anika", "announcer", "antonio", "belinda", "boris", "caleb",
+              "ed", "edward", "gustave", "iven", "iven2", "iven3", "john", "linda", "max",
+              "michel", "miguel", "pablo", "rob", "robert", "steph", "steph2", "steph3"],
+    "dev": ["Alicia", "Andrea", "Annie", "david", "paul", "quincy",
+            "marcelo", "pedro", "zac"],
     "test": ["m8", "klatt5", "klatt6", "grandma", "grandpa", "aunty", "benjamin",
              "edward2", "iven4", "kaukovalta", "norbert", "sandro", "shelby",
              "travis", "victor", "Nguyen"],
@@ -50,15 +51,19 @@ RANDOM_SPEAKER_SHARE = 0.5
 # Share of training word lists drawn from texts.near_words (hard negatives);
 # dev and test keep plain dictionary words (and their random draws).
 NEAR_WORD_SHARE = 0.5
-ESPEAK_RATES = {"train": list(range(110, 231, 10)),
-                "dev": list(range(115, 236, 20)),
-                "test": list(range(125, 226, 20))}
-# All of Flite's voices train: two natural voices were too few to generalise
-# from. Festival's kal and slt voices are built from the same recordings as
-# Flite's kal/kal16/slt, so of the test voices only Festival's ked is a
-# speaker never heard in training; the evaluation reports it on its own.
-FLITE_VOICES = {"train": ["awb", "rms", "slt", "kal16", "kal"],
-                "dev": ["awb", "rms", "slt", "kal16", "kal"], "test": []}
+# Words per minute, eSpeak's normal being 175: from slow to fast talkers
+# (0.6x to 1.6x the usual duration).
+ESPEAK_RATES = {"train": list(range(100, 281, 10)),
+                "dev": list(range(115, 276, 20)),
+                "test": list(range(125, 286, 20))}
+ESPEAK_NORMAL_RATE = 175.0
+# Flite's and Festival's duration stretch (1 = normal, < 1 faster).
+STRETCH = {"train": (0.7, 1.35), "dev": (0.7, 1.35), "test": (0.72, 1.3)}
+# Flite's awb is dev's: a speaker train never hears.  Festival's kal and
+# slt voices are built from the same recordings as Flite's kal/kal16/slt,
+# so of the test voices only Festival's ked is a speaker never heard in
+# training; the evaluation reports it on its own.
+FLITE_VOICES = {"train": ["rms", "slt", "kal16", "kal"], "dev": ["awb"], "test": []}
 ENGINE_MIX = {"train": {"espeak-ng": 0.6, "flite": 0.4},
               "dev": {"espeak-ng": 0.6, "flite": 0.4},
               "test": {"espeak-ng": 0.5, "festival": 0.5},
@@ -72,9 +77,18 @@ STREAM_MIX = {"train": {"espeak-ng": 0.85, "flite": 0.15},
 DEFAULTS = {
     "positives": {"train": 10000, "dev": 600, "test": 1000},
     "hours": {"train": 6.0, "dev": 2.0, "test": 2.0},
-    "confusable_ratio": 0.25, "negative_ratio": 0.25, "noise_ratio": 0.05,
+    "confusable_ratio": 0.4, "negative_ratio": 0.25, "noise_ratio": 0.05,
     "stream_seconds": 600.0, "test_snr": 10.0,
 }
+
+# Where positives and near phrases are said: alone (other speech, if any,
+# synthesized apart and pasted with silence around it), opening a sentence,
+# run on after a word in the same breath, or after a pause inside one
+# utterance.  Shares of the clips.
+PLACEMENTS = (("alone", 0.3), ("start", 0.2), ("run-on", 0.3), ("pause", 0.2))
+# Short openers said before a phrase, as well as pieces of sentences.
+OPENERS = ["oh", "and", "so", "okay", "well", "um", "yeah", "please", "now", "but",
+           "right", "alright", "then", "ah", "uh", "hmm", "look", "wait", "thanks"]
 
 # Filled in the parent before forking workers.
 _TEXT = {}
@@ -89,9 +103,14 @@ def load_text(phrase):
     if _TEXT.get("phrase") != phrase:
         words = texts.load_words(phrase)
         allw = sorted(w for v in words.values() for w in v)
+        phon = texts.Phonetics(phrase, texts.load_lexicon(set(allw) | set(OPENERS)),
+                               texts.espeak_sounds)
+        near = {s: [] for s in SPLITS}
+        for t in texts.near_phrases(phrase, phon, allw):
+            near[texts.split_of(t)].append(t)
         _TEXT.update(phrase=phrase, sentences=texts.load_sentences(phrase),
                      words=words, near_words=texts.near_words(phrase, words),
-                     confusables=texts.confusables(phrase, allw))
+                     near_phrases=near, phonetics=phon)
 
 
 # ------------------------------------------------------------- sampling
@@ -111,15 +130,29 @@ def sample_voice(rng, split, cfg, mix=None):
     if eng == "flite":
         pool = cfg["flite_voices"].get(split) or FLITE_VOICES[split]
         return dict(engine=eng, voice=pool[rng.integers(len(pool))],
-                    rate=round(float(rng.uniform(0.8, 1.3)), 2),    # duration stretch
+                    rate=round(float(rng.uniform(*STRETCH[split])), 2),  # duration stretch
                     pitch=round(float(rng.uniform(0.8, 1.25)), 2))  # f0 shift factor
     voice = tts.FESTIVAL_VOICES[rng.integers(len(tts.FESTIVAL_VOICES))]
+    lo, hi = STRETCH["test" if split == "sample" else split]
     if voice.endswith("_hts"):
-        # Festival's hts_engine wrapper takes a speed but no pitch shift.
-        return dict(engine=eng, voice=voice, rate=round(float(rng.uniform(0.8, 1.25)), 2),
+        # Festival's hts_engine wrapper takes a speed (> 1 faster) but no
+        # pitch shift.
+        return dict(engine=eng, voice=voice, rate=round(float(1 / rng.uniform(lo, hi)), 2),
                     pitch=None)
-    return dict(engine=eng, voice=voice, rate=round(float(rng.uniform(0.8, 1.25)), 2),
+    return dict(engine=eng, voice=voice, rate=round(float(rng.uniform(lo, hi)), 2),
                 pitch=float(rng.integers(80, 151)))                 # target F0, Hz
+
+
+def speed_of(v, warp=None):
+    """Speaking rate relative to the engine's normal (> 1 faster), with the
+    speaker warp's tempo change."""
+    if v["engine"] == "espeak-ng":
+        speed = v["rate"] / ESPEAK_NORMAL_RATE
+    elif v["voice"].endswith("_hts"):
+        speed = v["rate"]
+    else:
+        speed = 1.0 / v["rate"]
+    return round(speed * (warp / audio.WARP_BASE if warp else 1.0), 3)
 
 
 def phrase_text(rng, phrase):
@@ -146,6 +179,36 @@ def context_text(rng, split, max_words=7):
     if split == "train" and rng.random() < NEAR_WORD_SHARE:
         words = _TEXT["near_words"][split]
     return " ".join(words[rng.integers(len(words))] for _ in range(rng.integers(1, 5)))
+
+
+def placed_text(rng, split, said, avoid):
+    """-> (placement, text, prefix, suffix): `said` (the phrase or a near
+    phrase) with words around it in one utterance, or alone.  The words next
+    to it never repeat its own first or last word (a word's phones are found
+    by their word), and `avoid(text)` must be false for the whole text
+    (e.g. it must not say the phrase)."""
+    names = [n for n, _ in PLACEMENTS]
+    placement = names[rng.choice(len(names), p=[w for _, w in PLACEMENTS])]
+    words = texts.norm_words(said)
+    for _ in range(20):
+        prefix = suffix = ""
+        if placement in ("run-on", "pause"):
+            prefix = (OPENERS[rng.integers(len(OPENERS))] if rng.random() < 0.4
+                      else context_text(rng, split, 6)).rstrip(" ,.;:'-")
+        if placement == "start" or (placement != "alone" and rng.random() < 0.6):
+            suffix = context_text(rng, split, 7)
+        pw, sw = texts.norm_words(prefix), texts.norm_words(suffix)
+        if (pw and pw[-1] == words[0]) or (sw and sw[0] == words[-1]):
+            continue
+        if placement == "pause":
+            text = prefix + (", " if rng.random() < 0.6 else ". ") + said
+        else:
+            text = (prefix + " " + said).strip()
+        if suffix:
+            text += (", " if rng.random() < 0.3 else " ") + suffix
+        if not avoid(text):
+            return placement, text, prefix, suffix
+    return "alone", said, "", ""
 
 
 def sentence(rng, split):
@@ -190,7 +253,8 @@ def warped(u, warp):
     if warp is None:
         return u
     f = audio.WARP_BASE / warp
-    return tts.Utt(audio.warp(u.audio, warp), [(s, a * f, b * f) for s, a, b in u.phones])
+    return tts.Utt(audio.warp(u.audio, warp), [(s, a * f, b * f) for s, a, b in u.phones],
+                   u.words)
 
 
 # ------------------------------------------------------------ rendering
@@ -241,14 +305,28 @@ def plan_clip(cfg, split, kind, idx):
             t = sentence(rng, split) if rng.random() < 0.7 else context_text(rng, split, 10)
             plan["reqs"].append(dict(v, text=t))
     else:
+        phon = _TEXT["phonetics"]
         if kind == "positive":
-            main = phrase_text(rng, cfg["phrase"])
+            said = cfg["phrase"]
+            # The context must not say the phrase again, or its sounds.
+            avoid = lambda t: phon.times_said(t) != 1
         else:
-            conf = _TEXT["confusables"]
-            main = conf[rng.integers(len(conf))]
-        plan["reqs"].append(dict(v, text=main))
-        plan["before"] = rng.random() < 0.35
-        plan["after"] = rng.random() < 0.35
+            near = _TEXT["near_phrases"][split]
+            said = near[rng.integers(len(near))]
+            avoid = phon.says_phrase
+        placement, text, prefix, suffix = placed_text(rng, split, said, avoid)
+        plan["placement"], plan["said"] = placement, said
+        if placement == "alone":
+            text = phrase_text(rng, said)
+        plan["reqs"].append(dict(v, text=text))
+        if placement != "alone":
+            # Said alone as well, for when the engine's word events blur the
+            # phrase into its neighbour (a dialect that drops the h of "hey"
+            # merges it with the vowel before): then the clip is this.
+            plan["reqs"].append(dict(v, text=said))
+        plan["context"] = [c for c in (prefix, suffix) if c]
+        plan["before"] = placement == "alone" and rng.random() < 0.35
+        plan["after"] = placement == "alone" and rng.random() < 0.35
         for flag in ("before", "after"):
             if plan[flag]:
                 plan["reqs"].append(dict(v, text=context_text(rng, split)))
@@ -282,6 +360,15 @@ def render_clip(cfg, plan, utts):
         text = " / ".join(r["text"] for r in plan["reqs"])
     else:
         main, rest = utts[0], utts[1:]
+        words = texts.norm_words(plan["said"])
+        placement, context = plan["placement"], plan["context"]
+        if placement != "alone":
+            alone = rest.pop(0)
+            try:
+                main.locate(words)
+            except ValueError:
+                main, placement, context = alone, "alone", []
+        pasted = [r["text"] for r in plan["reqs"][len(plan["reqs"]) - len(rest):]]
         pieces = [float(rng.uniform(0.2, 1.0))]
         if plan["before"]:
             pieces += [rest.pop(0), float(rng.uniform(0.1, 0.7))]
@@ -292,15 +379,31 @@ def render_clip(cfg, plan, utts):
         pieces.append(float(rng.uniform(0.2, 1.0)))
         x, offs = assemble(pieces)
         o = offs[k]
-        spans = [(o + main.span[0], o + main.span[1])]
-        text = plan["reqs"][0]["text"]
-        entry["context"] = [r["text"] for r in plan["reqs"][1:]]
+        if placement == "alone" and not context:
+            # Said by itself: every phone is the phrase's, however the
+            # engine's word events fell.
+            first, last = 0, len(main.phones) - 1
+        else:
+            first, last = main.locate(words)
+        phones = main.phones[first:last + 1]
+        spans = [(o + phones[0][1], o + phones[-1][2])]
+        text = plan["said"]
+        entry["context"] = context + pasted
+        entry["utterance"] = plan["reqs"][0]["text"] if context else plan["said"]
+        entry["placement"] = placement
+        entry["speed"] = speed_of(v, plan["warp"])
         key = "hotword" if kind == "positive" else "span"
         entry[key] = [_r(spans[0][0]), _r(spans[0][1])]
+        arpa = [tts.to_arpa(v["engine"], s) for s, _, _ in phones]
         if kind == "positive":
-            entry["phonemes"] = [[s, _r(o + a), _r(o + b)] for s, a, b in main.phones]
-            entry["phonemes_arpa"] = [[tts.to_arpa(v["engine"], s), _r(o + a), _r(o + b)]
-                                      for s, a, b in main.phones]
+            entry["phonemes"] = [[s, _r(o + a), _r(o + b)] for s, a, b in phones]
+        else:
+            # Where the near phrase sounds unlike the phrase: the frames a
+            # trainer can call filler without contradicting the positives.
+            differs = texts.differing(texts.sounds_each(arpa), _TEXT["phonetics"].target)
+            entry["differs"] = [[_r(o + a), _r(o + b)]
+                                for (_, a, b), d in zip(phones, differs) if d]
+        entry["phonemes_arpa"] = [[p, _r(o + a), _r(o + b)] for p, (_, a, b) in zip(arpa, phones)]
     aug = plan["aug"]
     if plan["channel"]:
         x = audio.channel(x, **plan["channel"])
@@ -322,7 +425,7 @@ def plan_stream(cfg, split, idx):
         r = rng.random()
         v = sample_voice(rng, split, cfg, STREAM_MIX[split])
         if r < 0.03:
-            conf = _TEXT["confusables"]
+            conf = _TEXT["near_phrases"][split]
             kind, text = "confusable", conf[rng.integers(len(conf))]
         elif r < 0.75:
             kind, text = "sentence", sentence(rng, split)
@@ -481,6 +584,11 @@ def generate(cfg, log=sys.stderr):
             clean = [r[2] for r in rows if r[2]]
             if clean:
                 _write_manifest(cfg, "test_clean", clean, log)
+    except BaseException:
+        # Do not wait for the queued work of a run that has failed.
+        if pool:
+            pool.terminate()
+        raise
     finally:
         if pool:
             pool.close()

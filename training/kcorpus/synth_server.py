@@ -12,12 +12,14 @@ Protocol: a batch is one JSON line on stdin, a list of requests
 {"engine": "espeak-ng"|"flite", "voice", "rate", "pitch", "text"}; an
 eSpeak voice may name a made-up speaker, "<language>+random-<seed>".  For each
 request the reply is a JSON header line {"ok", "sr", "n", "raw": [[phone,
-start_s], ...], "end": s} followed by n int16 samples (native order); then
+start_s, word], ...], "end": s} followed by n int16 samples (native order); then
 one line {"done": true, "status": exit status of the child}.
 
 Timings: eSpeak reports phoneme events (audio_position in ms); Flite's
 Segment relation gives each segment's end time (feature "end"), which is
-what `flite -psdur` prints.
+what `flite -psdur` prints.  Each phone also carries the word it belongs
+to (eSpeak: the text of the last word event; Flite: the segment's word in
+the SylStructure relation), so a phrase can be found inside a sentence.
 """
 
 import ctypes
@@ -26,6 +28,7 @@ import json
 import math
 import os
 import random
+import re
 import shutil
 import sys
 import tempfile
@@ -45,7 +48,7 @@ class EspeakEvent(ctypes.Structure):
                 ("user_data", vp), ("id", _Id)]
 
 
-EV_PHONEME, EV_END, EV_MSG_TERMINATED = 7, 5, 6
+EV_WORD, EV_PHONEME, EV_END, EV_MSG_TERMINATED = 1, 7, 5, 6
 CALLBACK = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.POINTER(ctypes.c_short),
                             ctypes.c_int, ctypes.POINTER(EspeakEvent))
 
@@ -120,11 +123,17 @@ class Espeak:
         i = 0
         while ev[i].type != 0:
             e = ev[i]
-            if e.type == EV_PHONEME:
+            if e.type == EV_WORD:
+                # The word starting at the event's position; its reported
+                # length (and after a full stop its position) can be short
+                # by a character.
+                word = re.match(r"[^A-Za-z']*([A-Za-z']*)", self.text[e.text_position - 1:])
+                self.word = word.group(1)
+            elif e.type == EV_PHONEME:
                 name = bytes(e.id.string).split(b"\0")[0].decode("latin-1")
-                self.raw.append([name, e.audio_position / 1000.0])
+                self.raw.append([name, e.audio_position / 1000.0, self.word])
             elif e.type in (EV_END, EV_MSG_TERMINATED):
-                self.raw.append(["_end", e.audio_position / 1000.0])
+                self.raw.append(["_end", e.audio_position / 1000.0, ""])
             i += 1
         return 0
 
@@ -132,7 +141,7 @@ class Espeak:
         shutil.rmtree(self.home, ignore_errors=True)
 
     def synth(self, req):
-        self.pcm, self.raw = [], []
+        self.pcm, self.raw, self.word, self.text = [], [], "", req["text"]
         variant = req["voice"].partition("+")[2]
         made = None
         if variant.startswith(RANDOM_VARIANT):
@@ -187,6 +196,7 @@ class Flite:
                "relation_head": (vp, [vp]), "item_next": (vp, [vp]),
                "item_feat_string": (ctypes.c_char_p, [vp, ctypes.c_char_p]),
                "item_feat_float": (ctypes.c_float, [vp, ctypes.c_char_p]),
+               "ffeature_string": (ctypes.c_char_p, [vp, ctypes.c_char_p]),
                "delete_utterance": (None, [vp]),
                "flite_feat_set_float": (None, [vp, ctypes.c_char_p, ctypes.c_float]),
                "flite_add_lang": (ctypes.c_int, [ctypes.c_char_p, vp, vp])}
@@ -223,7 +233,8 @@ class Flite:
             it = fl.relation_head(fl.utt_relation(utt, b"Segment"))
             while it:
                 end = fl.item_feat_float(it, b"end")
-                raw.append([fl.item_feat_string(it, b"name").decode(), prev])
+                word = fl.ffeature_string(it, b"R:SylStructure.parent.parent.name")
+                raw.append([fl.item_feat_string(it, b"name").decode(), prev, word.decode()])
                 prev = end
                 it = fl.item_next(it)
             return w.sample_rate, audio, raw, prev

@@ -2,7 +2,8 @@
 
 Every back-end returns Utt objects: 16 kHz float32 audio plus the phones
 (pauses removed) with start/end in seconds relative to the start of that
-audio.  The timings always come from the engine itself:
+audio, and the word each phone belongs to.  The timings always come from
+the engine itself:
 
   espeak-ng  libespeak-ng phoneme events (audio_position, ms), read through
              ctypes in synth_server.py; a phone ends where the next
@@ -58,10 +59,35 @@ def to_arpa(engine, sym):
     return sym.upper()
 
 
+def word_key(word):
+    """A word as engines and texts both spell it: lower case letters."""
+    return re.sub(r"[^a-z]+", "", word.lower())
+
+
 @dataclass
 class Utt:
     audio: np.ndarray                    # float32, 16 kHz
     phones: list = field(default_factory=list)  # [(sym, start, end)], no pauses
+    words: list = field(default_factory=list)   # word_key of each phone's word
+
+    def locate(self, words):
+        """-> (first, last) phone index of the one place where the run of
+        `words` is spoken.  A word is a run of phones of the same word, so
+        the text around a phrase must not repeat its first or last word
+        next to it.  ValueError if it is not said exactly once."""
+        runs, start = [], 0
+        for i in range(1, len(self.words) + 1):
+            if i == len(self.words) or self.words[i] != self.words[start]:
+                runs.append((self.words[start], start, i - 1))
+                start = i
+        want = [word_key(w) for w in words]
+        found = [(runs[k][1], runs[k + len(want) - 1][2])
+                 for k in range(len(runs) - len(want) + 1)
+                 if [r[0] for r in runs[k:k + len(want)]] == want]
+        if len(found) != 1:
+            raise ValueError("%r spoken %d times among %s" % (" ".join(words), len(found),
+                                                             [r[0] for r in runs]))
+        return found[0]
 
     @property
     def span(self):
@@ -80,13 +106,14 @@ class Utt:
         x = audio.fade(self.audio[i0:i1].copy())
         ph = [(s, max(0.0, st - t0), min(t1 - t0, en - t0))
               for s, st, en in self.phones]
-        return Utt(x, ph)
+        return Utt(x, ph, self.words)
 
 
 def _clean_phones(raw, dur):
-    """raw: [(sym, start)] incl. pauses + final end -> phones without pauses."""
-    out = []
-    for (sym, st), nxt in zip(raw, raw[1:] + [(None, dur)]):
+    """raw: [(sym, start, word)] incl. pauses + final end -> (phones without
+    pauses, word_key of each)."""
+    out, words = [], []
+    for (sym, st, word), nxt in zip(raw, raw[1:] + [(None, dur, "")]):
         en = min(nxt[1], dur)
         if sym.startswith("_") or sym in ("pau", "h#", "sil"):
             continue
@@ -95,7 +122,8 @@ def _clean_phones(raw, dur):
             continue
         if en > st:
             out.append((sym, st, en))
-    return out
+            words.append(word_key(word))
+    return out, words
 
 
 # ---------------------------------------------------------- eSpeak, Flite
@@ -139,8 +167,8 @@ class SynthServer:
                                    % (req["engine"], req["text"], head["error"]))
             x = pcm.astype(np.float32) / 32768.0
             dur = len(x) / head["sr"]
-            phones = _clean_phones([tuple(r) for r in head["raw"]], min(head["end"], dur))
-            utts.append(Utt(audio.resample(x, head["sr"]), phones))
+            phones, words = _clean_phones([tuple(r) for r in head["raw"]], min(head["end"], dur))
+            utts.append(Utt(audio.resample(x, head["sr"]), phones, words))
         return utts
 
 
@@ -198,8 +226,10 @@ def _festival_many(reqs):
             lines.append("(set! utt (SynthText %s))" % _scheme_str(text))
             lines.append("(utt.save.wave utt \"%s/%d.wav\" 'riff)" % (tmp, i))
             lines.append("(format t \"UTT %d\\n\")" % i)
-            lines.append("(mapcar (lambda (s) (format t \"%s %f\\n\" (item.name s)"
-                         " (item.feat s \"end\"))) (utt.relation.items utt 'Segment))")
+            lines.append("(mapcar (lambda (s) (format t \"%s %f %s\\n\" (item.name s)"
+                         " (item.feat s \"end\")"
+                         " (item.feat s \"R:SylStructure.parent.parent.name\")))"
+                         " (utt.relation.items utt 'Segment))")
         script = os.path.join(tmp, "run.scm")
         with open(script, "w") as f:
             f.write("\n".join(lines) + "\n")
@@ -211,17 +241,17 @@ def _festival_many(reqs):
             if len(parts) == 2 and parts[0] == "UTT":
                 cur = int(parts[1])
                 segs[cur] = []
-            elif len(parts) == 2 and cur is not None:
-                segs[cur].append((parts[0], float(parts[1])))
+            elif len(parts) == 3 and cur is not None:
+                segs[cur].append((parts[0], float(parts[1]), parts[2]))
         res = []
         for i in range(len(reqs)):
             x, sr = audio.read_wav(os.path.join(tmp, "%d.wav" % i))
             raw, prev = [], 0.0
-            for sym, end in segs[i]:
-                raw.append((sym, prev))
+            for sym, end, word in segs[i]:
+                raw.append((sym, prev, word))
                 prev = end
-            res.append(Utt(audio.resample(x, sr),
-                           _clean_phones(raw, min(prev, len(x) / sr))))
+            phones, words = _clean_phones(raw, min(prev, len(x) / sr))
+            res.append(Utt(audio.resample(x, sr), phones, words))
     return res
 
 

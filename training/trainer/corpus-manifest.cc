@@ -98,6 +98,24 @@ CorpusClip ParseManifestLine(const std::string& line, const std::string& where,
   clip.split = f.OptionalString("split");
   clip.engine = f.OptionalString("engine");
   clip.voice = f.OptionalString("voice");
+  clip.text = f.OptionalString("text");
+  clip.placement = f.OptionalString("placement");
+  clip.noise = f.OptionalString("noise");
+  if (const JsonValue* speed = object.Find("speed"); speed != nullptr && speed->IsNumber()) {
+    clip.speed = speed->AsNumber();
+  }
+  if (clip.kind == ClipKind::kConfusable && object.Find("span") != nullptr) {
+    std::vector<double> span = Numbers(f, f.Get("span", JsonValue::kArray), "span", 0, 2);
+    clip.span_start = span[0];
+    clip.span_end = span[1];
+    if (const JsonValue* differs = object.Find("differs"); differs != nullptr) {
+      f.Check(*differs, "differs", JsonValue::kArray);
+      for (const JsonValue& d : differs->AsArray()) {
+        std::vector<double> times = Numbers(f, d, "differs", 0, 2);
+        clip.differs.emplace_back(times[0], times[1]);
+      }
+    }
+  }
   if (clip.kind == ClipKind::kNegative) {
     const JsonValue* utterances = object.Find("utterances");
     if (utterances != nullptr && utterances->IsArray()) {
@@ -109,6 +127,8 @@ CorpusClip ParseManifestLine(const std::string& line, const std::string& where,
         f.Check(items[0], "utterances", JsonValue::kNumber);
         f.Check(items[1], "utterances", JsonValue::kNumber);
         clip.confusable_spans.emplace_back(items[0].AsNumber(), items[1].AsNumber());
+        clip.confusable_texts.push_back(items.size() > 5 && items[5].IsString() ? items[5].AsString()
+                                                                               : std::string());
       }
     }
   }

@@ -6,11 +6,14 @@
 // for positives, "hotword" ([start, end] seconds) and the phoneme timings
 // "phonemes_arpa" (engine-independent symbols; "phonemes" when absent), each
 // [symbol, start, end]. For long negative recordings, the [start, end] of
-// each entry of "utterances" whose type (third item) is "confusable".
-// "split", "engine" and "voice" are kept for reports.
+// each entry of "utterances" whose type (third item) is "confusable", and its
+// text (sixth). For near-phrase ("confusable") clips, the phrase's "span"
+// and the "differs" spans where it sounds unlike the hotword (both
+// optional). "split", "engine", "voice", "text", "placement", "speed" and
+// "noise" are kept for reports.
 // Other fields are ignored, so the generator may add more.
-#ifndef KESTREL_TOOLS_TRAIN_CORPUS_MANIFEST_H_
-#define KESTREL_TOOLS_TRAIN_CORPUS_MANIFEST_H_
+#ifndef KESTREL_TRAINING_TRAINER_CORPUS_MANIFEST_H_
+#define KESTREL_TRAINING_TRAINER_CORPUS_MANIFEST_H_
 
 #include <string>
 #include <utility>
@@ -34,9 +37,18 @@ struct CorpusClip {
   double hotword_start = 0.0;
   double hotword_end = 0.0;
   std::vector<PhoneSpan> phones;
-  // Negatives only: where confusable phrases are spoken inside the clip.
+  // Negatives only: where confusable phrases are spoken inside the clip, and
+  // what each says.
   std::vector<std::pair<double, double>> confusable_spans;
-  std::string split, engine, voice;
+  std::vector<std::string> confusable_texts;
+  // Confusables only: where the near phrase is said (both 0 when not given),
+  // and the parts of it that sound unlike the hotword.
+  double span_start = 0.0;
+  double span_end = 0.0;
+  std::vector<std::pair<double, double>> differs;
+  std::string split, engine, voice, text, placement, noise;
+  // Speaking rate relative to the engine's normal (> 1 faster); 0 if unknown.
+  double speed = 0.0;
 };
 
 // Reads a manifest. Errors (a missing file, bad JSON, a missing or ill-typed
@@ -51,4 +63,4 @@ CorpusClip ParseManifestLine(const std::string& line, const std::string& where,
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_CORPUS_MANIFEST_H_
+#endif  // KESTREL_TRAINING_TRAINER_CORPUS_MANIFEST_H_

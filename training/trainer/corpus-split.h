@@ -1,7 +1,7 @@
 // CorpusSplit: one split of a corpus (the clips of its manifest and their
 // features), as both the trainer and the evaluator load it.
-#ifndef KESTREL_TOOLS_TRAIN_CORPUS_SPLIT_H_
-#define KESTREL_TOOLS_TRAIN_CORPUS_SPLIT_H_
+#ifndef KESTREL_TRAINING_TRAINER_CORPUS_SPLIT_H_
+#define KESTREL_TRAINING_TRAINER_CORPUS_SPLIT_H_
 
 #include <functional>
 #include <string>
@@ -29,4 +29,4 @@ CorpusSplit LoadCorpusSplit(const std::string& corpus_dir, const std::string& na
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_CORPUS_SPLIT_H_
+#endif  // KESTREL_TRAINING_TRAINER_CORPUS_SPLIT_H_

@@ -160,25 +160,22 @@ bool WriteDetPlot(const std::vector<NamedCurve>& curves, const std::string& png_
   return true;
 }
 
-std::string FrrByVoiceTable(const std::vector<CorpusClip>& clips,
-                            const std::vector<std::vector<int>>& detections, double tolerance) {
-  std::map<std::string, std::set<std::string>> voices_of;
-  for (const CorpusClip& c : clips) {
-    if (c.kind == ClipKind::kPositive) voices_of[c.engine].insert(c.voice);
-  }
+std::string FrrByGroupTable(const std::vector<CorpusClip>& clips,
+                            const std::vector<std::vector<int>>& detections, double tolerance,
+                            const std::string& title,
+                            const std::function<std::string(const CorpusClip&)>& group_of) {
   std::map<std::string, std::pair<std::vector<CorpusClip>, std::vector<std::vector<int>>>> groups;
   for (size_t i = 0; i < clips.size(); ++i) {
-    const CorpusClip& c = clips[i];
-    if (c.kind != ClipKind::kPositive) continue;
-    const bool by_voice = voices_of[c.engine].size() <= 8;
-    auto& group = groups[by_voice ? c.engine + " " + c.voice : c.engine + " (all voices)"];
-    group.first.push_back(c);
-    group.second.push_back(detections[i]);
+    if (clips[i].kind != ClipKind::kPositive) continue;
+    const std::string name = group_of(clips[i]);
+    if (name.empty()) continue;
+    groups[name].first.push_back(clips[i]);
+    groups[name].second.push_back(detections[i]);
   }
   std::ostringstream out;
   out.setf(std::ios::fixed);
   out.precision(1);
-  out << "| voice | detected | FRR |\n|---|---|---|\n";
+  out << "| " << title << " | detected | FRR |\n|---|---|---|\n";
   for (const auto& [name, group] : groups) {
     OperatingPoint p = CountOperatingPoint(group.first, group.second, tolerance);
     out << "| " << name << " | " << p.detected << "/" << p.positives << " | "
@@ -187,5 +184,55 @@ std::string FrrByVoiceTable(const std::vector<CorpusClip>& clips,
   return out.str();
 }
 
+std::string FrrByVoiceTable(const std::vector<CorpusClip>& clips,
+                            const std::vector<std::vector<int>>& detections, double tolerance) {
+  std::map<std::string, std::set<std::string>> voices_of;
+  for (const CorpusClip& c : clips) {
+    if (c.kind == ClipKind::kPositive) voices_of[c.engine].insert(c.voice);
+  }
+  return FrrByGroupTable(clips, detections, tolerance, "voice", [&](const CorpusClip& c) {
+    return voices_of[c.engine].size() <= 8 ? c.engine + " " + c.voice : c.engine + " (all voices)";
+  });
+}
+
+std::string NearPhraseTable(const std::vector<CorpusClip>& clips,
+                            const std::vector<std::vector<int>>& detections, double tolerance) {
+  std::map<std::string, std::pair<int, int>> said;  // text -> (accepted, said)
+  for (size_t i = 0; i < clips.size(); ++i) {
+    const CorpusClip& c = clips[i];
+    if (c.kind == ClipKind::kConfusable) {
+      said[c.text].first += !detections[i].empty();
+      ++said[c.text].second;
+    }
+    for (size_t s = 0; s < c.confusable_spans.size(); ++s) {
+      bool accepted = false;
+      for (int frame : detections[i]) {
+        double t = frame * kFrameShiftSeconds + kFrameCentreSeconds;
+        accepted |= t >= c.confusable_spans[s].first && t <= c.confusable_spans[s].second + tolerance;
+      }
+      const std::string& text = s < c.confusable_texts.size() ? c.confusable_texts[s] : std::string();
+      said[text].first += accepted;
+      ++said[text].second;
+    }
+  }
+  std::vector<std::pair<std::string, std::pair<int, int>>> rows(said.begin(), said.end());
+  std::stable_sort(rows.begin(), rows.end(), [](const auto& a, const auto& b) {
+    return a.second.first * b.second.second > b.second.first * a.second.second;
+  });
+  std::ostringstream out;
+  out.setf(std::ios::fixed);
+  out.precision(1);
+  out << "| near phrase | accepted | rate |\n|---|---|---|\n";
+  int accepted = 0, total = 0;
+  for (const auto& [text, counts] : rows) {
+    out << "| " << text << " | " << counts.first << "/" << counts.second << " | "
+        << 100.0 * counts.first / counts.second << "% |\n";
+    accepted += counts.first;
+    total += counts.second;
+  }
+  out << "| all | " << accepted << "/" << total << " | "
+      << (total > 0 ? 100.0 * accepted / total : 0.0) << "% |\n";
+  return out.str();
+}
 
 }  // namespace kestrel

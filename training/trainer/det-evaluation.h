@@ -13,9 +13,10 @@
 // fires on everyday audio. Every other detection is a false alarm, in
 // negatives and in the speech around a positive's hotword alike. False alarms
 // per hour are counted over all audio outside hotwords and confusables.
-#ifndef KESTREL_TOOLS_TRAIN_DET_EVALUATION_H_
-#define KESTREL_TOOLS_TRAIN_DET_EVALUATION_H_
+#ifndef KESTREL_TRAINING_TRAINER_DET_EVALUATION_H_
+#define KESTREL_TRAINING_TRAINER_DET_EVALUATION_H_
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -63,11 +64,22 @@ struct NamedCurve {
 
 // Markdown: one row per operating point of one curve.
 std::string OperatingPointTable(const NamedCurve& curve);
-// Markdown: for one setting's `detections`, the false rejections per voice of
-// the positives, so that a voice the model generalises poorly to is not
-// hidden in the total. Engines with many voices (eSpeak's variants) are one
-// row.
+// Markdown: for one setting's `detections`, the false rejections of the
+// positives in groups named by `group_of` (rows in name order; an empty name
+// leaves the clip out), so that a kind of speech the model generalises
+// poorly to is not hidden in the total. `title` heads the first column.
+std::string FrrByGroupTable(const std::vector<CorpusClip>& clips,
+                            const std::vector<std::vector<int>>& detections, double tolerance,
+                            const std::string& title,
+                            const std::function<std::string(const CorpusClip&)>& group_of);
+// FrrByGroupTable by voice. Engines with many voices (eSpeak's variants)
+// are one row.
 std::string FrrByVoiceTable(const std::vector<CorpusClip>& clips,
+                            const std::vector<std::vector<int>>& detections, double tolerance);
+// Markdown: how often each near phrase (the confusable clips' texts, and the
+// confusable utterances of long recordings) was accepted, most accepted
+// first, with the total.
+std::string NearPhraseTable(const std::vector<CorpusClip>& clips,
                             const std::vector<std::vector<int>>& detections, double tolerance);
 // Markdown: FRR of each curve at the given false alarm rates.
 std::string ComparisonTable(const std::vector<NamedCurve>& curves,
@@ -83,4 +95,4 @@ bool WriteDetPlot(const std::vector<NamedCurve>& curves, const std::string& png_
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_DET_EVALUATION_H_
+#endif  // KESTREL_TRAINING_TRAINER_DET_EVALUATION_H_

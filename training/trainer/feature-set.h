@@ -5,8 +5,8 @@
 //
 // All frames live in one array (a split is millions of frames; one block
 // keeps them compact). Immutable once built; any thread may read it.
-#ifndef KESTREL_TOOLS_TRAIN_FEATURE_SET_H_
-#define KESTREL_TOOLS_TRAIN_FEATURE_SET_H_
+#ifndef KESTREL_TRAINING_TRAINER_FEATURE_SET_H_
+#define KESTREL_TRAINING_TRAINER_FEATURE_SET_H_
 
 #include <cstddef>
 #include <functional>
@@ -57,4 +57,4 @@ FeatureSet LoadOrComputeFeatures(const std::vector<CorpusClip>& clips,
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_FEATURE_SET_H_
+#endif  // KESTREL_TRAINING_TRAINER_FEATURE_SET_H_

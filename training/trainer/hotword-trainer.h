@@ -11,8 +11,8 @@
 // shuffled minibatches of spliced frames drawn across all clips, so the
 // trained layers are exactly those the detector runs. Progress (per epoch:
 // training loss, held-out loss and frame accuracy, time) goes to `progress`.
-#ifndef KESTREL_TOOLS_TRAIN_HOTWORD_TRAINER_H_
-#define KESTREL_TOOLS_TRAIN_HOTWORD_TRAINER_H_
+#ifndef KESTREL_TRAINING_TRAINER_HOTWORD_TRAINER_H_
+#define KESTREL_TRAINING_TRAINER_HOTWORD_TRAINER_H_
 
 #include <functional>
 #include <string>
@@ -62,4 +62,4 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_HOTWORD_TRAINER_H_
+#endif  // KESTREL_TRAINING_TRAINER_HOTWORD_TRAINER_H_

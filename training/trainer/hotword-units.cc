@@ -145,21 +145,28 @@ HotwordUnits ChooseUnits(const std::vector<CorpusClip>& clips, int num_units) {
 }
 
 std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, int num_frames) {
-  // A confusable says the hotword's own sounds in another phrase ("hey
-  // kevin", "a kestrel"); labelled filler, its frames would teach the
-  // network that those sounds are not the hotword's units. It is left out of
-  // frame training; the search rejects it by the order of the units.
-  if (clip.kind == ClipKind::kConfusable) return std::vector<int>(std::max(0, num_frames), kUntrainedFrame);
   std::vector<int> labels(std::max(0, num_frames), 0);
+  // Labels the frames whose centre lies in [start, end).
+  auto fill = [&](double start, double end, int label) {
+    int first = static_cast<int>(std::ceil((start - kFrameCentreSeconds) / kFrameShiftSeconds - 1e-9));
+    int last = static_cast<int>(std::ceil((end - kFrameCentreSeconds) / kFrameShiftSeconds - 1e-9)) - 1;
+    for (int t = std::max(first, 0); t <= std::min(last, num_frames - 1); ++t) labels[t] = label;
+  };
+  // A near phrase says some of the hotword's own sounds ("a kestrel", "hey
+  // kettle"); labelled filler there, it would teach the network that those
+  // sounds are not the hotword's units. Only where it sounds different is it
+  // filler, which is what lets the search reject it.
+  if (clip.kind == ClipKind::kConfusable) {
+    if (clip.span_end <= clip.span_start) return std::vector<int>(std::max(0, num_frames), kUntrainedFrame);
+    fill(clip.span_start, clip.span_end, kUntrainedFrame);
+    for (const auto& [start, end] : clip.differs) fill(start, end, 0);
+    return labels;
+  }
   if (clip.kind != ClipKind::kPositive || units.phones.empty()) return labels;
   std::vector<int> index = AlignToCanonical(Symbols(clip), units.phones);
   for (size_t k = 0; k < clip.phones.size(); ++k) {
     const PhoneSpan& p = clip.phones[k];
-    int unit = units.unit_of_phone[index[k]];
-    // Frames whose centre lies in [start, end).
-    int first = static_cast<int>(std::ceil((p.start - kFrameCentreSeconds) / kFrameShiftSeconds - 1e-9));
-    int last = static_cast<int>(std::ceil((p.end - kFrameCentreSeconds) / kFrameShiftSeconds - 1e-9)) - 1;
-    for (int t = std::max(first, 0); t <= std::min(last, num_frames - 1); ++t) labels[t] = unit;
+    fill(p.start, p.end, units.unit_of_phone[index[k]]);
   }
   return labels;
 }

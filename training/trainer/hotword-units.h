@@ -11,8 +11,8 @@
 // minimum-edit alignment, so every clip labels the same units.
 //
 // Plain values; any thread.
-#ifndef KESTREL_TOOLS_TRAIN_HOTWORD_UNITS_H_
-#define KESTREL_TOOLS_TRAIN_HOTWORD_UNITS_H_
+#ifndef KESTREL_TRAINING_TRAINER_HOTWORD_UNITS_H_
+#define KESTREL_TRAINING_TRAINER_HOTWORD_UNITS_H_
 
 #include <string>
 #include <vector>
@@ -50,10 +50,12 @@ std::vector<int> AlignToCanonical(const std::vector<std::string>& phones,
 constexpr int kUntrainedFrame = -1;
 
 // One label per frame of the clip: 0 (filler) everywhere except under the
-// phonemes of a positive, which get their unit; kUntrainedFrame for every
-// frame of a confusable.
+// phonemes of a positive, which get their unit, and inside a near phrase
+// (a confusable's span), which is kUntrainedFrame except where it sounds
+// unlike the hotword ("a" in "a kestrel"). A confusable without a span is
+// kUntrainedFrame throughout.
 std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, int num_frames);
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_HOTWORD_UNITS_H_
+#endif  // KESTREL_TRAINING_TRAINER_HOTWORD_UNITS_H_

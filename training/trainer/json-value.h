@@ -3,8 +3,8 @@
 //
 // ParseJson throws KestrelError naming `where` (for example "train.jsonl:12")
 // and the byte offset of the first character it could not take.
-#ifndef KESTREL_TOOLS_TRAIN_JSON_VALUE_H_
-#define KESTREL_TOOLS_TRAIN_JSON_VALUE_H_
+#ifndef KESTREL_TRAINING_TRAINER_JSON_VALUE_H_
+#define KESTREL_TRAINING_TRAINER_JSON_VALUE_H_
 
 #include <map>
 #include <string>
@@ -46,4 +46,4 @@ JsonValue ParseJson(const std::string& text, const std::string& where);
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_JSON_VALUE_H_
+#endif  // KESTREL_TRAINING_TRAINER_JSON_VALUE_H_

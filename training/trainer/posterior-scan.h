@@ -8,8 +8,8 @@
 // network would have delivered them. Each clip starts from a reset detector,
 // and frame ids leave a gap between clips wider than any refractory span, so
 // clips never influence each other.
-#ifndef KESTREL_TOOLS_TRAIN_POSTERIOR_SCAN_H_
-#define KESTREL_TOOLS_TRAIN_POSTERIOR_SCAN_H_
+#ifndef KESTREL_TRAINING_TRAINER_POSTERIOR_SCAN_H_
+#define KESTREL_TRAINING_TRAINER_POSTERIOR_SCAN_H_
 
 #include <string>
 #include <vector>
@@ -34,4 +34,4 @@ std::vector<std::vector<int>> ScanDetections(const FeatureSet& posteriors,
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_POSTERIOR_SCAN_H_
+#endif  // KESTREL_TRAINING_TRAINER_POSTERIOR_SCAN_H_

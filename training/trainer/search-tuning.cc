@@ -78,8 +78,9 @@ std::vector<OperatingPoint> SweepSensitivities(const std::vector<CorpusClip>& cl
 
 namespace {
 
-// Largest sensitivity in [0, 1] whose false alarm rate is within budget
-// (false alarms grow with the sensitivity), with its operating point.
+// Largest sensitivity in [0, 1] whose false alarms and near-phrase
+// acceptances are within budget (both grow with the sensitivity), with its
+// operating point.
 TunedSearch BisectSensitivity(const std::vector<CorpusClip>& clips, const FeatureSet& posteriors,
                               const HotwordModel& settings, const SearchTuningOptions& options) {
   float low = 0.0f, high = 1.0f;
@@ -92,7 +93,8 @@ TunedSearch BisectSensitivity(const std::vector<CorpusClip>& clips, const Featur
     // weak searches; then halve the interval.
     float s = step == 0 ? high : 0.5f * (low + high);
     OperatingPoint p = SweepSensitivities(clips, posteriors, settings, {s}, options)[0];
-    if (p.FalseAlarmsPerHour() <= options.max_false_alarms_per_hour) {
+    if (p.FalseAlarmsPerHour() <= options.max_false_alarms_per_hour &&
+        p.ConfusableAcceptRate() <= options.max_near_phrase_accept_rate) {
       if (best.point.detected < 0 || s > best.point.sensitivity) {
         best.point = p;
         best.settings.hotwords[0].sensitivity = s;
@@ -160,7 +162,8 @@ std::vector<TunedSearch> TuneSearchMethods(const std::vector<CorpusClip>& clips,
            << ", span " << best.settings.slide_window << ", floor "
            << best.settings.hotwords[0].search_floor[0] << ", sensitivity "
            << best.point.sensitivity << " -> FRR " << 100.0 * best.point.FalseRejectionRate()
-           << "% at " << best.point.FalseAlarmsPerHour() << " FA/h";
+           << "% at " << best.point.FalseAlarmsPerHour() << " FA/h, near phrases accepted "
+           << 100.0 * best.point.ConfusableAcceptRate() << "%";
       progress(line.str());
     }
     results.push_back(best);

@@ -6,11 +6,12 @@
 //
 // For every search method the grid of window and floor settings is tried;
 // for each setting the largest sensitivity whose false alarm rate stays
-// within the budget is found by bisection, and the setting with the lowest
+// within the budget, and that accepts near phrases ("a kestrel", "hey
+// kettle") at most as often as allowed, is found by bisection, and the setting with the lowest
 // false rejection rate there wins (ties: fewer false alarms, then the larger
 // sensitivity).
-#ifndef KESTREL_TOOLS_TRAIN_SEARCH_TUNING_H_
-#define KESTREL_TOOLS_TRAIN_SEARCH_TUNING_H_
+#ifndef KESTREL_TRAINING_TRAINER_SEARCH_TUNING_H_
+#define KESTREL_TRAINING_TRAINER_SEARCH_TUNING_H_
 
 #include <functional>
 #include <string>
@@ -31,6 +32,9 @@ struct SearchTuningOptions {
   std::vector<double> span_factors{0.9, 1.15};
   std::vector<float> floors{0.05f, 0.3f};
   double max_false_alarms_per_hour = 0.5;
+  // Share of near phrases (confusables) the detector may accept: they are
+  // false alarms to a user, but too dense in a corpus to count per hour.
+  double max_near_phrase_accept_rate = 0.15;
   double tolerance_seconds = 0.5;
   int bisection_steps = 10;
   // Detector options as the application will use them (slide step, minimum
@@ -76,4 +80,4 @@ std::string SearchMethodLabel(int32 method);
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_SEARCH_TUNING_H_
+#endif  // KESTREL_TRAINING_TRAINER_SEARCH_TUNING_H_

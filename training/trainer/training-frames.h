@@ -7,8 +7,8 @@
 //
 // Borrows the feature set, which must outlive it. Const methods are safe to
 // call from several threads.
-#ifndef KESTREL_TOOLS_TRAIN_TRAINING_FRAMES_H_
-#define KESTREL_TOOLS_TRAIN_TRAINING_FRAMES_H_
+#ifndef KESTREL_TRAINING_TRAINER_TRAINING_FRAMES_H_
+#define KESTREL_TRAINING_TRAINER_TRAINING_FRAMES_H_
 
 #include <random>
 #include <vector>
@@ -65,4 +65,4 @@ class TrainingFrames {
 
 }  // namespace kestrel
 
-#endif  // KESTREL_TOOLS_TRAIN_TRAINING_FRAMES_H_
+#endif  // KESTREL_TRAINING_TRAINER_TRAINING_FRAMES_H_

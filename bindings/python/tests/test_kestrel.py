@@ -42,6 +42,10 @@ def test_detects_the_hotword_from_every_input_form(samples):
     assert stream(detector, samples, 4321) == found
     assert stream(detector, samples.astype(np.float32) / 32768, 999) == found
     assert stream(detector, samples.astype("<i2").tobytes(), 3000) == found
+    # At 48 kHz (each sample three times): three times the position, within a block.
+    at48k = stream(kestrel.Detector(MODEL, sample_rate=48000), np.repeat(samples, 3), 4800)
+    assert len(at48k) == 1 and abs(at48k[0].sample - 3 * d.sample) <= 4800
+    assert at48k[0].seconds == pytest.approx(d.seconds, abs=0.1)
     # And from the model's bytes.
     assert stream(kestrel.Detector(MODEL.read_bytes(), names=["hey kestrel"]), samples, 1600) == found
 
