@@ -1,0 +1,108 @@
+// The demo page: microphone -> AudioWorklet (capture-worklet.js, which
+// resamples to 16 kHz) -> detector on this thread.
+import { loadKestrel } from '../dist/kestrel.mjs';
+import { kOutputRate } from './resampler.js';
+
+const kBundledModel = new URL('../../../models/hey-kestrel.kmodel', import.meta.url);
+const $ = (id) => document.getElementById(id);
+
+let kestrel = null;
+let session = null;  // {stream, context, detector, started} while listening
+
+function showStatus(text, isError = false) {
+  $('status').textContent = text;
+  $('status').classList.toggle('error', isError);
+}
+
+function showMeter(id, fraction, text) {
+  $(id).style.width = `${Math.round(100 * Math.min(1, Math.max(0, fraction)))}%`;
+  $(`${id}-text`).textContent = text;
+}
+
+async function modelBytes() {
+  const file = $('model').files[0];
+  if (file) return new Uint8Array(await file.arrayBuffer());
+  const response = await fetch(kBundledModel);
+  if (!response.ok) throw new Error(`could not fetch ${kBundledModel}: HTTP ${response.status}`);
+  return new Uint8Array(await response.arrayBuffer());
+}
+
+function addDetection(hit) {
+  const item = document.createElement('li');
+  const clock = new Date().toLocaleTimeString();
+  item.textContent = `${hit.name || `hotword ${hit.hotword}`} at ${hit.seconds.toFixed(2)} s ` +
+      `(score ${hit.score.toFixed(2)}, ${clock})`;
+  $('detections').prepend(item);
+  showMeter('score', hit.score, hit.score.toFixed(2));
+}
+
+// Audio from the worklet: the level meter, then the detector.
+function onAudio(samples) {
+  if (!session?.detector) return;  // a block still in flight after stop()
+  let peak = 0;
+  for (const s of samples) peak = Math.max(peak, Math.abs(s));
+  // dBFS from -60 to 0 across the bar.
+  const db = 20 * Math.log10(peak || 1e-6);
+  showMeter('level', (db + 60) / 60, `${Math.max(db, -60).toFixed(0)} dB`);
+  try {
+    for (const hit of session.detector.process(samples)) addDetection(hit);
+  } catch (error) {
+    stop();
+    showStatus(`Detector error: ${error.message}`, true);
+  }
+}
+
+async function start() {
+  $('start').disabled = true;
+  try {
+    const sensitivityText = $('sensitivity').value.trim();
+    const options = { names: [$('name').value.trim()] };
+    if (sensitivityText) options.sensitivity = Number(sensitivityText);
+    const model = await modelBytes();
+    const stream = await navigator.mediaDevices.getUserMedia({
+      audio: { echoCancellation: false, noiseSuppression: false, autoGainControl: false },
+    });
+    const context = new AudioContext();
+    session = { stream, context, detector: null };
+    session.detector = new kestrel.Detector([model], { ...options, sampleRate: kOutputRate });
+    await context.audioWorklet.addModule(new URL('capture-worklet.js', import.meta.url));
+    const capture = new AudioWorkletNode(context, 'kestrel-capture');
+    capture.port.onmessage = (event) => onAudio(event.data);
+    context.createMediaStreamSource(stream).connect(capture);
+    // Its output is silent; connecting it keeps the graph pulling audio through it.
+    capture.connect(context.destination);
+    await context.resume();
+    $('stop').disabled = false;
+    showStatus(`Listening at ${context.sampleRate} Hz, resampled to ${kOutputRate} Hz.`);
+  } catch (error) {
+    stop();
+    showStatus(`Could not start: ${error.message}`, true);
+  }
+}
+
+function stop() {
+  if (session) {
+    session.stream.getTracks().forEach((track) => track.stop());
+    session.context.close();
+    if (session.detector) {
+      session.detector.flush().forEach(addDetection);
+      session.detector.delete();
+    }
+    session = null;
+    showStatus('Stopped.');
+  }
+  $('start').disabled = kestrel === null;
+  $('stop').disabled = true;
+  showMeter('level', 0, '');
+}
+
+$('start').addEventListener('click', start);
+$('stop').addEventListener('click', stop);
+$('start').disabled = true;
+try {
+  kestrel = await loadKestrel();
+  $('start').disabled = false;
+  showStatus(`Kestrel ${kestrel.version} is ready. Press "Start listening".`);
+} catch (error) {
+  showStatus(`Could not load the detector: ${error.message}`, true);
+}
