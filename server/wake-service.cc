@@ -69,8 +69,10 @@ WakeService::WakeService(const HotwordDetectorOptions& options) : options_(optio
   info_.data = {{"wake", nlohmann::json::array({program})}};
 }
 
-std::unique_ptr<HotwordDetector> WakeService::NewDetector() const {
-  return std::make_unique<HotwordDetector>(options_);
+std::unique_ptr<HotwordDetector> WakeService::NewDetector(int sample_rate) const {
+  HotwordDetectorOptions options = options_;
+  options.sample_rate = sample_rate;
+  return std::make_unique<HotwordDetector>(options);
 }
 
 }  // namespace kestrel

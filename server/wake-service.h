@@ -28,8 +28,9 @@ class WakeService {
   // std::runtime_error for empty or repeated names.
   explicit WakeService(const HotwordDetectorOptions& options);
 
-  // A detector of its own for one connection, on copies of the models.
-  std::unique_ptr<HotwordDetector> NewDetector() const;
+  // A detector of its own for one connection, on copies of the models, for
+  // audio at `sample_rate` Hz.
+  std::unique_ptr<HotwordDetector> NewDetector(int sample_rate = kSampleRate) const;
 
   const std::vector<std::string>& HotwordNames() const { return options_.hotword_names; }
   // The answer to `describe`.

@@ -1,12 +1,15 @@
 #include "wake-session.h"
 
 #include "frontend/audio-format.h"
+#include "frontend/resampler.h"
 #include "utils/kestrel-log.h"
 
 namespace kestrel {
 namespace {
 
 constexpr int64_t kSampleWidth = 2;
+// More channels than any capture device offers is a garbled header.
+constexpr int64_t kMaxChannels = 32;
 
 }  // namespace
 
@@ -63,16 +66,23 @@ bool WakeSession::ReadFormat(const nlohmann::json& data, AudioFormat* format,
 }
 
 void WakeSession::StartStream(const AudioFormat& format, std::vector<Event>* out) {
-  if (format.rate != kSampleRate || format.width != kSampleWidth || format.channels != 1) {
+  if (format.rate < Resampler::kMinRate || format.rate > Resampler::kMaxRate ||
+      format.width != kSampleWidth || format.channels < 1 || format.channels > kMaxChannels) {
     Refuse("unsupported audio format: " + std::to_string(format.rate) + " Hz, " +
                std::to_string(format.width) + "-byte samples, " +
                std::to_string(format.channels) + " channels; kestrel takes " +
-               std::to_string(kSampleRate) + " Hz, 2-byte samples, 1 channel",
+               std::to_string(Resampler::kMinRate) + " to " +
+               std::to_string(Resampler::kMaxRate) + " Hz, 2-byte samples, 1 to " +
+               std::to_string(kMaxChannels) + " channels",
            "unsupported-audio-format", out);
     return;
   }
   try {
-    if (detector_ == nullptr) detector_ = service_->NewDetector();
+    // Streams of one connection mostly share a rate; a new rate needs a
+    // detector whose resampler takes it.
+    if (detector_ == nullptr || detector_->SampleRate() != format.rate) {
+      detector_ = service_->NewDetector(static_cast<int>(format.rate));
+    }
   } catch (const KestrelError& e) {
     Refuse(std::string("cannot make a detector: ") + e.what(), "detector-error", out);
     return;
@@ -102,16 +112,25 @@ void WakeSession::ProcessChunk(const Event& event, std::vector<Event>* out) {
     return;
   }
   const std::string& bytes = event.payload;
-  if (bytes.size() % kSampleWidth != 0) {
+  const size_t frame_bytes = static_cast<size_t>(kSampleWidth * format_.channels);
+  if (bytes.size() % frame_bytes != 0) {
     Refuse("audio-chunk: " + std::to_string(bytes.size()) +
-               " bytes is not a whole number of 16-bit samples",
+               " bytes is not a whole number of 16-bit frames of " +
+               std::to_string(format_.channels) + " channels",
            "bad-event", out);
     return;
   }
-  samples_.resize(bytes.size() / kSampleWidth);
-  for (size_t i = 0; i < samples_.size(); ++i) {  // little-endian on the wire
-    samples_[i] = static_cast<int16_t>(static_cast<unsigned char>(bytes[2 * i]) |
-                                       static_cast<unsigned char>(bytes[2 * i + 1]) << 8);
+  // Little-endian on the wire; channels are averaged into one.
+  const size_t channels = static_cast<size_t>(format_.channels);
+  samples_.resize(bytes.size() / frame_bytes);
+  for (size_t i = 0; i < samples_.size(); ++i) {
+    int32_t sum = 0;
+    for (size_t c = 0; c < channels; ++c) {
+      const size_t at = 2 * (i * channels + c);
+      sum += static_cast<int16_t>(static_cast<unsigned char>(bytes[at]) |
+                                  static_cast<unsigned char>(bytes[at + 1]) << 8);
+    }
+    samples_[i] = static_cast<int16_t>(sum / static_cast<int32_t>(channels));
   }
   samples_heard_ += static_cast<int64_t>(samples_.size());
   try {
@@ -145,7 +164,7 @@ void WakeSession::Report(const std::vector<Detection>& detections, std::vector<E
     if (!wanted_names_.empty() && wanted_names_.count(d.name) == 0) continue;
     Event event;
     event.type = "detection";
-    event.data = {{"name", d.name}, {"timestamp", d.sample * 1000 / kSampleRate}};
+    event.data = {{"name", d.name}, {"timestamp", d.sample * 1000 / format_.rate}};
     out->push_back(std::move(event));
     ++stream_detections_;
     ++num_detections_;

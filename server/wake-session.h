@@ -5,7 +5,8 @@
 //   describe            -> info
 //   detect              sets the hotwords to report ("names"; absent or
 //                       empty: all) until the next detect
-//   audio-start         begins a stream (16 kHz, 16-bit, mono)
+//   audio-start         begins a stream (16-bit PCM at 8 to 48 kHz, any
+//                       channels: resampled and mixed down)
 //   audio-chunk         PCM; -> a detection {name, timestamp} for each
 //                       hotword found, timestamp in ms since the stream began
 //   audio-stop          ends the stream; -> not-detected when it had none

@@ -76,12 +76,30 @@ class WakeFlow(unittest.TestCase):
         self.assertEqual(client.receive()["type"], "detection")
         client.close()
 
+    def test_takes_other_rates_and_channels(self):
+        # The sample as a 48 kHz stereo microphone would send it: found at the
+        # same time, measured in the stream's own milliseconds.
+        audio = subprocess.run(
+            ["sox", SAMPLE, "-t", "raw", "-e", "signed", "-b", "16", "-r", "48000", "-c", "2",
+             "-"], capture_output=True, check=True).stdout
+        stereo = {"rate": 48000, "width": 2, "channels": 2}
+        client = server.connect()
+        client.send("audio-start", stereo)
+        for at in range(0, len(audio), 4096):
+            client.send("audio-chunk", stereo, payload=audio[at:at + 4096])
+        client.send("audio-stop")
+        found = client.receive()
+        self.assertEqual(found["type"], "detection")
+        native = answers(client, read_sample())[0]["data"]["timestamp"]
+        self.assertLessEqual(abs(found["data"]["timestamp"] - native), 10)
+        client.close()
+
     def test_refuses_other_audio_and_keeps_the_connection(self):
         client = server.connect()
         cases = [
-            ({"rate": 44100, "width": 2, "channels": 1}, "unsupported-audio-format"),
+            ({"rate": 96000, "width": 2, "channels": 1}, "unsupported-audio-format"),
             ({"rate": 16000, "width": 4, "channels": 1}, "unsupported-audio-format"),
-            ({"rate": 16000, "width": 2, "channels": 2}, "unsupported-audio-format"),
+            ({"rate": 16000, "width": 2, "channels": 0}, "unsupported-audio-format"),
             ({"rate": "16000", "width": 2, "channels": 1}, "bad-event"),
         ]
         for audio_format, code in cases:
