@@ -21,8 +21,8 @@ export interface Detection {
 }
 
 export interface DetectorOptions {
-  /** Rate of the audio passed to `process`, in Hz; default 16000. A rate the library cannot
-   *  take gives an Error (this version takes only 16000; demo/resampler.js converts). */
+  /** Rate of the audio passed to `process`, in Hz (8000 to 48000; the library resamples
+   *  other rates than 16000); default 16000. Another rate gives an Error. */
   sampleRate?: number;
   /** Sensitivity in [0, 1] (higher detects more): one for all hotwords, or one per hotword.
    *  Default: each model's own. */

@@ -1,7 +1,6 @@
-// The demo page: microphone -> AudioWorklet (capture-worklet.js, which
-// resamples to 16 kHz) -> detector on this thread.
+// The demo page: microphone -> AudioWorklet (capture-worklet.js, which mixes
+// to mono) -> detector on this thread, at the AudioContext's rate.
 import { loadKestrel } from '../dist/kestrel.mjs';
-import { kOutputRate } from './resampler.js';
 
 const kBundledModel = new URL('../../../models/hey-kestrel.kmodel', import.meta.url);
 const $ = (id) => document.getElementById(id);
@@ -62,9 +61,14 @@ async function start() {
     const stream = await navigator.mediaDevices.getUserMedia({
       audio: { echoCancellation: false, noiseSuppression: false, autoGainControl: false },
     });
-    const context = new AudioContext();
+    // The detector takes 8 to 48 kHz; ask a faster device for 48 kHz and let the browser convert.
+    let context = new AudioContext();
+    if (context.sampleRate > 48000) {
+      context.close();
+      context = new AudioContext({ sampleRate: 48000 });
+    }
     session = { stream, context, detector: null };
-    session.detector = new kestrel.Detector([model], { ...options, sampleRate: kOutputRate });
+    session.detector = new kestrel.Detector([model], { ...options, sampleRate: context.sampleRate });
     await context.audioWorklet.addModule(new URL('capture-worklet.js', import.meta.url));
     const capture = new AudioWorkletNode(context, 'kestrel-capture');
     capture.port.onmessage = (event) => onAudio(event.data);
@@ -73,7 +77,7 @@ async function start() {
     capture.connect(context.destination);
     await context.resume();
     $('stop').disabled = false;
-    showStatus(`Listening at ${context.sampleRate} Hz, resampled to ${kOutputRate} Hz.`);
+    showStatus(`Listening at ${context.sampleRate} Hz.`);
   } catch (error) {
     stop();
     showStatus(`Could not start: ${error.message}`, true);
