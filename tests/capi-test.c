@@ -131,6 +131,16 @@ static void TestDetection(const int16_t* samples, size_t n) {
   float now = 0.0f;
   CHECK(kestrel_detector_get_sensitivity(d, 1, &now) == KESTREL_OK && now == -1.0f);
   CHECK(Run(d, samples, NULL, n).count == 0);
+  /* Live scores still see the hotword there, and each read starts over. */
+  float peak = 0.0f;
+  CHECK(kestrel_detector_peak_score(d, 1, &peak) == KESTREL_ERROR_ARGUMENT);
+  CHECK(strstr(kestrel_last_error(), "tracking is off") != NULL);
+  CHECK(kestrel_detector_track_scores(d, 1) == KESTREL_OK);
+  CHECK(Run(d, samples, NULL, n).count == 0);
+  CHECK(kestrel_detector_peak_score(d, 1, &peak) == KESTREL_OK && peak >= found.first.score);
+  CHECK(kestrel_detector_peak_score(d, 1, &peak) == KESTREL_OK && peak == 0.0f);
+  CHECK(kestrel_detector_track_scores(d, 0) == KESTREL_OK);
+  CHECK(kestrel_detector_peak_score(d, 1, &peak) == KESTREL_ERROR_ARGUMENT);
   CHECK(kestrel_detector_set_sensitivity(d, 1, sensitivity) == KESTREL_OK);
   CHECK(Run(d, samples, NULL, n).count == 1);
   kestrel_detector_destroy(d);
@@ -193,6 +203,8 @@ static void TestMisuse(const int16_t* samples) {
   CHECK(kestrel_detector_get_sensitivity(NULL, 1, &value) == KESTREL_ERROR_ARGUMENT);
   CHECK(kestrel_detector_set_sensitivity(NULL, 1, 0.5f) == KESTREL_ERROR_ARGUMENT);
   CHECK(kestrel_detector_sample_rate(NULL, &rate) == KESTREL_ERROR_ARGUMENT);
+  CHECK(kestrel_detector_track_scores(NULL, 1) == KESTREL_ERROR_ARGUMENT);
+  CHECK(kestrel_detector_peak_score(NULL, 1, &value) == KESTREL_ERROR_ARGUMENT);
   CHECK(strstr(kestrel_last_error(), "NULL") != NULL);
   kestrel_detector_destroy(NULL);
 

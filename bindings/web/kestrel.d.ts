@@ -45,6 +45,10 @@ export interface Detector {
   flush(): Detection[];
   /** Drops pending audio; the next sample starts a new stream at position 0. */
   reset(): void;
+  /** Turns live score tracking on or off (off by default; costs CPU while on). */
+  trackScores(enable: boolean): void;
+  /** With tracking on: hotword `hotword`'s highest score since the last call (1-based). */
+  peakScore(hotword: number): number;
   /** The sensitivity of hotword `hotword` (1-based). */
   sensitivity(hotword: number): number;
   /** Changes it from the next search step on. */

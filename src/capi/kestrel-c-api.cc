@@ -1,6 +1,7 @@
 // The C interface: a thin layer over HotwordDetector that turns every
 // exception into a status and a thread-local message, and keeps what the
 // returned pointers point to (detections, names) alive in the handle.
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -24,6 +25,9 @@ struct kestrel_detector {
   // The detections of the last process or flush call; their names point
   // into the detector's names.
   std::vector<kestrel_detection> detections;
+  // Each hotword's highest score since its last peak_score call; empty while
+  // score tracking is off.
+  std::vector<float> peak_scores;
 };
 
 namespace {
@@ -374,6 +378,38 @@ kestrel_status kestrel_detector_set_sensitivity(kestrel_detector* d, int32_t hot
     d->detector->SetSensitivity(hotword, sensitivity);
     return KESTREL_OK;
   });
+}
+
+kestrel_status kestrel_detector_track_scores(kestrel_detector* d, int enable) {
+  const char* function = "kestrel_detector_track_scores";
+  if (kestrel_status s = CheckHandle(d, function)) return s;
+  return Guard(function, KESTREL_ERROR_INTERNAL, [&]() {
+    if (!enable) {
+      d->detector->SetScoreListener(nullptr);
+      d->peak_scores.clear();
+      return KESTREL_OK;
+    }
+    d->peak_scores.assign(static_cast<size_t>(d->detector->NumHotwords()), 0.0f);
+    d->detector->SetScoreListener([d](const kestrel::HotwordScore& step) {
+      float& peak = d->peak_scores[static_cast<size_t>(step.hotword - 1)];
+      peak = std::max(peak, step.score);
+    });
+    return KESTREL_OK;
+  });
+}
+
+kestrel_status kestrel_detector_peak_score(kestrel_detector* d, int32_t hotword, float* score) {
+  const char* function = "kestrel_detector_peak_score";
+  if (kestrel_status s = CheckHotword(d, hotword, function)) return s;
+  if (score == nullptr) return Fail(KESTREL_ERROR_ARGUMENT, std::string(function) + ": score is NULL");
+  if (d->peak_scores.empty()) {
+    return Fail(KESTREL_ERROR_ARGUMENT,
+                std::string(function) + ": score tracking is off (kestrel_detector_track_scores)");
+  }
+  float& peak = d->peak_scores[static_cast<size_t>(hotword - 1)];
+  *score = peak;
+  peak = 0.0f;
+  return KESTREL_OK;
 }
 
 kestrel_status kestrel_detector_sample_rate(const kestrel_detector* d, int32_t* sample_rate) {

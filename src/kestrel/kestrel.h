@@ -155,6 +155,18 @@ KESTREL_API kestrel_status kestrel_detector_get_sensitivity(const kestrel_detect
 KESTREL_API kestrel_status kestrel_detector_set_sensitivity(kestrel_detector* d, int32_t hotword,
                                                             float sensitivity);
 
+/* Live scores, for a score meter or for choosing a sensitivity. While
+ * tracking is on (enable non-zero), the detector keeps each hotword's highest
+ * search score, and kestrel_detector_peak_score returns it and starts over, so
+ * that polling it after each process call gives the peak of that stretch of
+ * audio (0 when no search step ran). Tracking runs every search on every
+ * step, including those normally skipped because they cannot reach their
+ * threshold, so it costs CPU; detections are the same either way. Off by
+ * default; peak_score with tracking off is an argument error. */
+KESTREL_API kestrel_status kestrel_detector_track_scores(kestrel_detector* d, int enable);
+KESTREL_API kestrel_status kestrel_detector_peak_score(kestrel_detector* d, int32_t hotword,
+                                                       float* score);
+
 /* The input sample rate the detector was created with, in Hz. */
 KESTREL_API kestrel_status kestrel_detector_sample_rate(const kestrel_detector* d,
                                                         int32_t* sample_rate);

@@ -32,7 +32,6 @@ function addDetection(hit) {
   item.textContent = `${hit.name || `hotword ${hit.hotword}`} at ${hit.seconds.toFixed(2)} s ` +
       `(score ${hit.score.toFixed(2)}, ${clock})`;
   $('detections').prepend(item);
-  showMeter('score', hit.score, hit.score.toFixed(2));
 }
 
 // Audio from the worklet: the level meter, then the detector.
@@ -45,6 +44,11 @@ function onAudio(samples) {
   showMeter('level', (db + 60) / 60, `${Math.max(db, -60).toFixed(0)} dB`);
   try {
     for (const hit of session.detector.process(samples)) addDetection(hit);
+    let score = 0;
+    for (let h = 1; h <= session.detector.numHotwords; ++h) {
+      score = Math.max(score, session.detector.peakScore(h));
+    }
+    showMeter('score', score, score.toFixed(2));
   } catch (error) {
     stop();
     showStatus(`Detector error: ${error.message}`, true);
@@ -69,6 +73,7 @@ async function start() {
     }
     session = { stream, context, detector: null };
     session.detector = new kestrel.Detector([model], { ...options, sampleRate: context.sampleRate });
+    session.detector.trackScores(true);
     await context.audioWorklet.addModule(new URL('capture-worklet.js', import.meta.url));
     const capture = new AudioWorkletNode(context, 'kestrel-capture');
     capture.port.onmessage = (event) => onAudio(event.data);

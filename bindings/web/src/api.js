@@ -207,6 +207,19 @@ function bindDetector(core) {
                                                    value));
     }
 
+    // Live scores (for a meter): with tracking on, peakScore(hotword) is the
+    // hotword's highest search score since its last call. Tracking runs every
+    // search on every step, so it costs CPU; detections stay the same.
+    trackScores(enable) {
+      check(core._kestrel_detector_track_scores(this.#live('trackScores').handle, enable ? 1 : 0));
+    }
+
+    peakScore(hotword) {
+      const owned = this.#live('peakScore');
+      check(core._kestrel_detector_peak_score(owned.handle, hotword, owned.out));
+      return core.HEAPF32[owned.out >> 2];
+    }
+
     // Frees the detector; safe to call twice. Any later call throws.
     delete() {
       if (!this.#owned) return;

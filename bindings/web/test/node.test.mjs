@@ -83,7 +83,13 @@ test('reset, sensitivity and delete', { skip }, () => {
   assert.ok(Math.abs(d.sensitivity(1) - 0.7) < 1e-6);
   d.process(samples.subarray(0, 30000));
   d.reset();  // the half-heard stream is dropped; positions start again at 0
-  assert.deepEqual(positions(detectAll(d, samples)), expected);
+  assert.throws(() => d.peakScore(1), /tracking is off/);
+  d.trackScores(true);
+  const found = detectAll(d, samples);
+  assert.deepEqual(positions(found), expected);  // tracking changes no detection
+  assert.ok(d.peakScore(1) >= found[0].score);
+  assert.equal(d.peakScore(1), 0);  // each read starts the peak over
+  d.trackScores(false);
   d.delete();
   d.delete();
   assert.throws(() => d.process(samples), /deleted/);
