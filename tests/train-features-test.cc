@@ -410,6 +410,7 @@ TEST_F(ScanTest, TuningFindsTheSensitivityBetweenHotwordsAndLookalikes) {
   options.smooth_windows = {1};
   options.span_factors = {1.0};
   options.floors = {0.05f};
+  options.first_unit_floors = {};
   options.max_false_alarms_per_hour = 0.0;
   std::vector<std::string> lines;
   std::vector<TunedSearch> tuned = TuneSearchMethods(
@@ -440,6 +441,44 @@ TEST_F(ScanTest, TuningFindsTheSensitivityBetweenHotwordsAndLookalikes) {
   for (const TunedSearch& t : TuneSearchMethods(clips, posteriors, {0.2, 0.2}, options, nullptr)) {
     EXPECT_EQ(t.point.confusables_accepted, 1);
   }
+}
+
+TEST_F(ScanTest, AFirstUnitFloorRejectsLookalikesThatOnlyEndLikeTheHotword) {
+  // The hotwords are middling throughout; the lookalike matches the second
+  // unit better than any hotword does but the first one poorly, so no
+  // sensitivity separates them, and only a floor on the first unit does.
+  auto two_units = [](float first, float second) {
+    Matrix m(200, 3);
+    for (int t = 0; t < 200; ++t) {
+      const int label = (t >= 50 && t < 70) ? 1 : (t >= 70 && t < 90) ? 2 : 0;
+      const float p = label == 1 ? first : label == 2 ? second : 0.9f;
+      m(t, label) = p;
+      m(t, label == 0 ? 1 : 0) = 1.0f - p;
+    }
+    return m;
+  };
+  FeatureSet posteriors;
+  std::vector<CorpusClip> clips;
+  for (int i = 0; i < 4; ++i) {
+    posteriors.Append(two_units(0.65f, 0.65f));
+    clips.push_back(Clip(ClipKind::kPositive, 2.0, 0.5, 0.9));
+  }
+  posteriors.Append(two_units(0.5f, 1.0f));
+  clips.push_back(Clip(ClipKind::kConfusable, 2.0));
+  SearchTuningOptions options;
+  options.methods = {3};
+  options.smooth_windows = {1};
+  options.span_factors = {1.0};
+  options.floors = {0.05f};
+  options.max_near_phrase_accept_rate = 0.0;
+  EXPECT_EQ(TuneSearchMethods(clips, posteriors, {0.2, 0.2}, options, nullptr)[0].point.detected, 0);
+
+  options.first_unit_floors = {0.01f, 0.6f};  // below the common floor: not tried
+  const TunedSearch tuned = TuneSearchMethods(clips, posteriors, {0.2, 0.2}, options, nullptr)[0];
+  EXPECT_EQ(tuned.point.detected, 4);
+  EXPECT_EQ(tuned.point.confusables_accepted, 0);
+  EXPECT_EQ(tuned.settings.hotwords[0].search_floor, (std::vector<float>{0.6f, 0.05f}));
+  EXPECT_EQ(SearchFloorsLabel(tuned.settings.hotwords[0]), "0.60/0.05");
 }
 
 TEST_F(ScanTest, SettingsSpreadTheMaskByUnitDurations) {

@@ -149,11 +149,11 @@ int Evaluate(const EvaluateConfig& config, const std::string& model_path,
       << "### Search methods (each tuned on " << config.tune_split << ")\n\n"
       << ComparisonTable(curves, {0.1, 0.5, 1.0, 2.0}) << "\n";
   if (!tuned.empty()) {
-    out << "| search | smooth | span | floor | tuned sensitivity |\n|---|---|---|---|---|\n";
+    out << "| search | smooth | span | floors | tuned sensitivity |\n|---|---|---|---|---|\n";
     for (const TunedSearch& t : tuned) {
       out << "| " << SearchMethodLabel(t.settings.hotwords[0].search_method) << " | "
           << t.settings.smooth_window << " | " << t.settings.slide_window << " | "
-          << t.settings.hotwords[0].search_floor[0] << " | " << t.point.sensitivity << " |\n";
+          << SearchFloorsLabel(t.settings.hotwords[0]) << " | " << t.point.sensitivity << " |\n";
     }
     out << "\n";
   }

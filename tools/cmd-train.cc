@@ -110,7 +110,7 @@ int Train(TrainConfig config, const UniversalDetectStreamOptions& detector) {
          << "units: " << units.Describe() << "\n"
          << "search: " << SearchMethodLabel(hw.search_method) << ", smooth window "
          << best.settings.smooth_window << ", slide window " << best.settings.slide_window
-         << ", floor " << hw.search_floor[0] << ", sensitivity " << hw.sensitivity << "\n"
+         << ", floors " << SearchFloorsLabel(hw) << ", sensitivity " << hw.sensitivity << "\n"
          << config.dev_split << " at that sensitivity: FRR " << 100.0 * best.point.FalseRejectionRate()
          << "%, " << best.point.false_alarms << " false alarms in " << best.point.hours
          << " h, near phrases accepted " << best.point.confusables_accepted << "/"

@@ -12,6 +12,16 @@ std::string SearchMethodLabel(int32 method) {
   return std::string(SearchMethodName(method)) + " (" + std::to_string(method) + ")";
 }
 
+std::string SearchFloorsLabel(const HotwordRecord& hotword) {
+  std::ostringstream label;
+  label.setf(std::ios::fixed);
+  label.precision(2);
+  for (size_t u = 0; u < hotword.search_floor.size(); ++u) {
+    label << (u > 0 ? "/" : "") << hotword.search_floor[u];
+  }
+  return label.str();
+}
+
 namespace {
 
 // A search mask of `unit_seconds.size() + 1` offsets that places each unit's
@@ -144,12 +154,19 @@ std::vector<TunedSearch> TuneSearchMethods(const std::vector<CorpusClip>& clips,
         int32 span = std::max<int32>(static_cast<int32>(unit_seconds.size()) + 1,
                                      static_cast<int32>(std::lround(mean_frames * factor)));
         for (float floor : options.floors) {
-          const HotwordModel settings =
-              MakeHotwordSettings(unit_seconds, method, smooth, span, floor, 0.5f);
-          TunedSearch t = BisectSensitivity(clips, posteriors, settings, options);
-          if (!have || Better(t, best)) {
-            best = t;
-            have = true;
+          std::vector<float> first_floors{floor};
+          for (float f : options.first_unit_floors) {
+            if (f > floor) first_floors.push_back(f);
+          }
+          for (float first : first_floors) {
+            HotwordModel settings =
+                MakeHotwordSettings(unit_seconds, method, smooth, span, floor, 0.5f);
+            settings.hotwords[0].search_floor[0] = first;
+            TunedSearch t = BisectSensitivity(clips, posteriors, settings, options);
+            if (!have || Better(t, best)) {
+              best = t;
+              have = true;
+            }
           }
         }
       }
@@ -159,8 +176,8 @@ std::vector<TunedSearch> TuneSearchMethods(const std::vector<CorpusClip>& clips,
       line.setf(std::ios::fixed);
       line.precision(3);
       line << "tune: " << SearchMethodLabel(method) << ": smooth " << best.settings.smooth_window
-           << ", span " << best.settings.slide_window << ", floor "
-           << best.settings.hotwords[0].search_floor[0] << ", sensitivity "
+           << ", span " << best.settings.slide_window << ", floors "
+           << SearchFloorsLabel(best.settings.hotwords[0]) << ", sensitivity "
            << best.point.sensitivity << " -> FRR " << 100.0 * best.point.FalseRejectionRate()
            << "% at " << best.point.FalseAlarmsPerHour() << " FA/h, near phrases accepted "
            << 100.0 * best.point.ConfusableAcceptRate() << "%";

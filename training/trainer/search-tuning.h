@@ -31,6 +31,9 @@ struct SearchTuningOptions {
   // Span (= slide window) as a multiple of the mean hotword duration.
   std::vector<double> span_factors{0.9, 1.15};
   std::vector<float> floors{0.05f, 0.3f};
+  // Higher floors also tried on the first unit alone: near phrases that end
+  // in the hotword's last word ("haw kestrel") differ from it only there.
+  std::vector<float> first_unit_floors{0.5f, 0.7f};
   double max_false_alarms_per_hour = 0.5;
   // Share of near phrases (confusables) the detector may accept: they are
   // false alarms to a user, but too dense in a corpus to count per hour.
@@ -74,6 +77,9 @@ std::vector<TunedSearch> TuneSearchMethods(const std::vector<CorpusClip>& clips,
 
 // Index of the best of `tuned` (by the rule above); `tuned` must not be empty.
 size_t BestTunedSearch(const std::vector<TunedSearch>& tuned);
+
+// The hotword's unit floors, "0.50/0.05/0.05/0.05".
+std::string SearchFloorsLabel(const HotwordRecord& hotword);
 
 // "Viterbi (3)" and so on.
 std::string SearchMethodLabel(int32 method);
