@@ -27,7 +27,7 @@ struct HotwordTrainerOptions {
   // 230 ms of context, about a unit on either side of the frame's own.
   int32 left_context = 15;
   int32 right_context = 7;
-  int32 hidden_dim = 128;
+  int32 hidden_dim = 192;
   int32 hidden_layers = 3;
   int32 epochs = 12;
   int32 batch_size = 256;
