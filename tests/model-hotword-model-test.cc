@@ -104,6 +104,11 @@ TEST(HotwordModelTest, NamesFollowTheNetworkAndSurviveEveryRoundTrip) {
     EXPECT_NE("", KESTREL_ERROR_TEXT(Written(model, true))) << bad;
     EXPECT_NE("", KESTREL_ERROR_TEXT(model.Check())) << bad;
   }
+  model.hotwords[0].name = "";
+  model.hotwords[1].name = "okay";
+  EXPECT_EQ("HotwordModel: model file \"m\", hotword 2: named \"okay\" while hotword 1 has no "
+            "name; name every hotword or none.",
+            KESTREL_ERROR_TEXT(model.Check()));
 }
 
 TEST(HotwordModelTest, MalformedNameBlocksFailNamingTheFile) {

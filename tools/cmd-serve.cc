@@ -34,11 +34,11 @@ int RunServe(int argc, char** argv) {
       "Serves hotword detection over the Wyoming protocol, for Home Assistant's\n"
       "voice pipelines (add it there with the Wyoming integration, giving this\n"
       "machine's host name and the port). Clients send 16 kHz 16-bit mono audio\n"
-      "and are told each hotword by name: --hotword-names, or else the model's\n"
-      "file name (hey-kestrel.kmodel: hey-kestrel; with -1, -2, ... appended for\n"
-      "a model of several hotwords). One log line per connection on standard\n"
-      "error; SIGTERM or SIGINT lets the clients' events in hand finish, then\n"
-      "exits 0.");
+      "and are told each hotword by name: --hotword-names, or else the name the\n"
+      "model stores, or its file name (hey-kestrel.kmodel: hey-kestrel; with -1,\n"
+      "-2, ... appended for a model of several hotwords), spaces as dashes. One\n"
+      "log line per connection on standard error; SIGTERM or SIGINT lets the\n"
+      "clients' events in hand finish, then exits 0.");
   AddDetectorOptions(&parser, &args);
   parser.AddString("uri", &uri, "where to listen: tcp://HOST:PORT or unix:///PATH");
   parser.AddInt("max-clients", &max_clients,

@@ -1,6 +1,5 @@
 #include "model-training.h"
 
-#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <sstream>

@@ -142,7 +142,7 @@ size_t RecommendSensitivity(const std::vector<SweepPoint>& points,
   const size_t chosen = best[best.size() / 2];
   why << "the middle of the sensitivities (" << points[best.front()].sensitivity << " to "
       << points[best.back()].sensitivity << ") that miss the fewest recordings (" << fewest
-      << ") with at most " << max_false_alarms_per_hour << " false alarms per hour";
+      << ") with false alarms within " << max_false_alarms_per_hour << " per hour";
   if (rule != nullptr) *rule = why.str();
   return chosen;
 }

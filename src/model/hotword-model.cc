@@ -259,14 +259,16 @@ void HotwordModel::CheckNames(const std::string& reporter) const {
   const bool named = !hotwords.empty() && !hotwords[0].name.empty();
   for (size_t k = 0; k < hotwords.size(); ++k) {
     const std::string& hotword_name = hotwords[k].name;
-    if (!named && hotword_name.empty()) continue;
-    if (!IsStorableHotwordName(hotword_name)) {
-      KESTREL_ERR(kLogFile) << reporter << ": model file \"" << name << "\", hotword " << k + 1
-                            << ": name \"" << hotword_name.substr(0, 40) << "\" cannot be "
-                            << "stored; a name is not empty, has no control characters, no "
-                            << "'_' and no space at either end"
-                            << (named ? "" : ", and either every hotword has one or none")
-                            << ".";
+    const std::string where =
+        reporter + ": model file \"" + name + "\", hotword " + std::to_string(k + 1) + ": ";
+    if (named && !IsStorableHotwordName(hotword_name)) {
+      KESTREL_ERR(kLogFile) << where << "name \"" << hotword_name.substr(0, 40) << "\" cannot "
+                            << "be stored; a name is not empty, has no control characters, no "
+                            << "'_' and no space at either end.";
+    }
+    if (!named && !hotword_name.empty()) {
+      KESTREL_ERR(kLogFile) << where << "named \"" << hotword_name.substr(0, 40) << "\" while "
+                            << "hotword 1 has no name; name every hotword or none.";
     }
   }
 }

@@ -60,7 +60,7 @@ def check_words(phrase):
 
 def _common_words(sentences):
     counts = collections.Counter(w for s in sentences for w in texts.norm_words(s))
-    return counts, {w for w, _ in counts.most_common(COMMON_WORDS)}
+    return {w for w, _ in counts.most_common(COMMON_WORDS)}
 
 
 def pronounce(words):
@@ -77,22 +77,29 @@ def everyday_sentences():
     return [s for part in texts.load_sentences("qqqzzz").values() for s in part]
 
 
-def check_phrase(phrase, pronounce=pronounce, sentences=None):
+def everyday_lexicon(sentences):
+    """-> {word: sounds} (texts.load_lexicon) of the sentences' words."""
+    return texts.load_lexicon({w for s in sentences for w in texts.norm_words(s)})
+
+
+def check_phrase(phrase, pronounce=pronounce, sentences=None, lexicon=None):
     """-> Verdict for `phrase` (lower case, words separated by one space).
     `pronounce` gives each word's phones; `sentences` (everyday text)
-    default to the fortune sentences."""
+    default to the fortune sentences, `lexicon` to everyday_lexicon of
+    them."""
     v = Verdict(phrase)
     v.errors = check_words(phrase)
     if v.errors:
         return v
     if sentences is None:
         sentences = everyday_sentences()
-    counts, common = _common_words(sentences)
+    common = _common_words(sentences)
     words = phrase.split()
     own = pronounce(words)
     v.sounds = [p for w in words for p in own[w]]
     v.syllables = sum(p in _VOWELS for p in v.sounds)
-    lexicon = texts.load_lexicon({w for s in sentences for w in texts.norm_words(s)})
+    if lexicon is None:
+        lexicon = everyday_lexicon(sentences)
     phon = texts.Phonetics(phrase, lexicon, lambda ws: {w: texts.sounds(own[w]) for w in ws})
     if v.syllables < MIN_SYLLABLES or len(v.sounds) < MIN_PHONEMES:
         v.errors.append(
