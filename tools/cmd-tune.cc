@@ -72,7 +72,11 @@ int Tune(const TuneConfig& config) {
           << "\n";
   }
   std::string rule;
-  const SweepPoint& best = points[RecommendSensitivity(points, max_fa, &rule)];
+  const SweepPoint& best =
+      points[RecommendSensitivity(points, max_fa, options.models[0].hotwords.empty()
+                                                      ? 1.0f
+                                                      : options.models[0].hotwords[0].sensitivity,
+                                  &rule)];
   table << std::setprecision(3) << "on " << positives.size() << " recordings of the phrase and "
         << points[0].negative_hours << " h of background audio\n"
         << std::setprecision(2) << "recommended sensitivity: " << best.sensitivity << " ("
@@ -98,7 +102,9 @@ int RunTune(int argc, char** argv) {
       "once) should each wake it, the --negatives (background audio: talk, TV, the\n"
       "room) should not. Prints the misses and false alarms per hour at each\n"
       "sensitivity and recommends one: the middle of the range that misses fewest\n"
-      "recordings while false alarms stay within --max-fa-per-hour. With --write, the\n"
+      "recordings while false alarms stay within --max-fa-per-hour, but no higher\n"
+      "than the model's own sensitivity when one at or below it misses as few (a\n"
+      "few minutes of background cannot show rare false alarms). With --write, the\n"
       "recommended sensitivity is written into the model, all else kept. Lists are\n"
       "comma-separated .wav files or directories of them.");
   parser.AddString("model", &config.model, "the model file (one model); required");

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <exception>
 #include <filesystem>
+#include <iomanip>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -121,12 +122,13 @@ std::vector<SweepPoint> SweepSensitivity(const HotwordDetectorOptions& options,
 }
 
 size_t RecommendSensitivity(const std::vector<SweepPoint>& points,
-                            double max_false_alarms_per_hour, std::string* rule) {
+                            double max_false_alarms_per_hour, float trained, std::string* rule) {
   std::vector<size_t> within;
   for (size_t i = 0; i < points.size(); ++i) {
     if (points[i].FalseAlarmsPerHour() <= max_false_alarms_per_hour) within.push_back(i);
   }
   std::ostringstream why;
+  why << std::setprecision(3);
   if (within.empty()) {
     why << "no sensitivity keeps false alarms within " << max_false_alarms_per_hour
         << " per hour; this is the least sensitive tried";
@@ -139,12 +141,18 @@ size_t RecommendSensitivity(const std::vector<SweepPoint>& points,
   for (size_t i : within) {
     if (points[i].misses == fewest) best.push_back(i);
   }
-  const size_t chosen = best[best.size() / 2];
-  why << "the middle of the sensitivities (" << points[best.front()].sensitivity << " to "
-      << points[best.back()].sensitivity << ") that miss the fewest recordings (" << fewest
-      << ") with false alarms within " << max_false_alarms_per_hour << " per hour";
+  size_t middle = best.size() / 2;
+  why << "sensitivities " << points[best.front()].sensitivity << " to "
+      << points[best.back()].sensitivity << " miss the fewest recordings (" << fewest
+      << ") with false alarms within " << max_false_alarms_per_hour << " per hour; ";
+  if (points[best[middle]].sensitivity > trained && points[best.front()].sensitivity <= trained) {
+    while (points[best[middle]].sensitivity > trained) --middle;
+    why << "the most sensitive of them at or below the model's own " << trained;
+  } else {
+    why << "the middle of them";
+  }
   if (rule != nullptr) *rule = why.str();
-  return chosen;
+  return best[middle];
 }
 
 }  // namespace kestrel

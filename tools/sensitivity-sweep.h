@@ -48,13 +48,16 @@ std::vector<SweepPoint> SweepSensitivity(const HotwordDetectorOptions& options,
                                          const std::vector<float>& sensitivities, int threads);
 
 // The recommended point (an index into `points`, which ascend in
-// sensitivity): among the points whose false alarms per hour are within
-// `max_false_alarms_per_hour`, those that miss fewest form a range, and its
-// middle leaves the most room both ways, for voices and rooms the recordings
-// lack. When no point is within budget, the least sensitive. `rule` (if given)
-// gets the reason in words.
+// sensitivity). Among the points whose false alarms per hour are within
+// `max_false_alarms_per_hour`, those that miss fewest form a range; its
+// middle leaves room both ways for voices and rooms the recordings lack, but
+// no point above `trained` (the model's own sensitivity, which hours of
+// speech and near phrases set) is taken where one at or below it misses as
+// few: minutes of background audio cannot show false alarms that rare. When
+// no point is within budget, the least sensitive. `rule` (if given) gets the
+// reason in words.
 size_t RecommendSensitivity(const std::vector<SweepPoint>& points,
-                            double max_false_alarms_per_hour, std::string* rule);
+                            double max_false_alarms_per_hour, float trained, std::string* rule);
 
 }  // namespace kestrel
 
