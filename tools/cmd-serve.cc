@@ -4,6 +4,7 @@
 
 #include <exception>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,8 @@ int RunServe(int argc, char** argv) {
   std::unique_ptr<Listener> listener;
   try {
     listener = std::make_unique<Listener>(uri, max_clients, service.get(), &log);
+  } catch (const std::invalid_argument& e) {
+    return UsageError("serve", e.what());
   } catch (const std::runtime_error& e) {
     return Failure(e.what());
   }
