@@ -144,6 +144,14 @@ TEST(TrainPhraseTest, StagesResumeAfterTheLastFinishedOneAndRedoWhatWasCutShort)
   EXPECT_EQ(2u, scripts.CorpusRuns());
   EXPECT_NE(std::string::npos, run.err.find("features: done in an earlier run"));
   EXPECT_EQ(std::string::npos, run.err.find("training: done in an earlier run"));
+
+  // From a corpus, the phrase its positives say names the hotword.
+  run = RunKestrel("train --corpus " + Quoted(work + "/corpus") + " --cache-dir " +
+                   Quoted(work + "/features") + " --out " + Quoted(model) +
+                   " --epochs 1 --hidden-dim 16 --hidden-layers 1 --units 2");
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_NE(std::string::npos, RunKestrel("info " + Quoted(model)).out.find(
+                                   "hotword 1 \"hey whistle\""));
   fs::remove_all(work);
   fs::remove(model);
 }
