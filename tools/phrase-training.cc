@@ -89,6 +89,8 @@ struct StageKeys {
   std::string corpus, features, training, tuning;
 };
 
+// One `kestrel train --phrase` run: the stages of phrase-training.h over
+// the work directory, which it owns for the run.
 class PhraseRun {
  public:
   PhraseRun(const PhraseTrainingOptions& options, TrainConfig config)
