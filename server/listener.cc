@@ -48,7 +48,7 @@ Listener::Listener(const std::string& uri, int max_clients, const WakeService* s
   } else if (uri.compare(0, unix_scheme.size(), unix_scheme) == 0) {
     BindUnix(uri, uri.substr(unix_scheme.size()));
   } else {
-    throw std::runtime_error("--uri " + uri + ": give tcp://HOST:PORT or unix:///PATH");
+    throw std::invalid_argument("--uri " + uri + ": give tcp://HOST:PORT or unix:///PATH");
   }
   if (listen(listen_fd_, kBacklog) != 0) {
     throw std::runtime_error("--uri " + uri + ": cannot listen: " + ErrnoText());
@@ -85,7 +85,7 @@ void Listener::BindTcp(const std::string& uri, const std::string& host_port) {
   }
   if (host.empty() || port.empty() || port.find_first_not_of("0123456789") != std::string::npos ||
       port.size() > 5 || std::stoi(port) > 65535) {
-    throw std::runtime_error("--uri " + uri + ": give tcp://HOST:PORT, PORT a number up to 65535");
+    throw std::invalid_argument("--uri " + uri + ": give tcp://HOST:PORT, PORT a number up to 65535");
   }
   addrinfo hints = {};
   hints.ai_family = AF_UNSPEC;
@@ -125,7 +125,7 @@ void Listener::BindUnix(const std::string& uri, const std::string& path) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof(address.sun_path)) {
-    throw std::runtime_error("--uri " + uri + ": the socket path is empty or longer than " +
+    throw std::invalid_argument("--uri " + uri + ": the socket path is empty or longer than " +
                              std::to_string(sizeof(address.sun_path) - 1) + " bytes");
   }
   std::memcpy(address.sun_path, path.data(), path.size());

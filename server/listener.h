@@ -34,9 +34,9 @@ namespace kestrel {
 class Listener {
  public:
   // Binds `uri`: tcp://HOST:PORT (port 0 picks a free one) or unix:///PATH
-  // (a stale socket file left there is replaced; a live one is not). Throws
-  // std::runtime_error naming the URI when it is malformed or cannot be
-  // bound.
+  // (a stale socket file left there is replaced; a live one is not). Throws,
+  // naming the URI, std::invalid_argument when it is malformed (the caller's
+  // mistake) and std::runtime_error when it cannot be bound.
   Listener(const std::string& uri, int max_clients, const WakeService* service, ServerLog* log);
   // Closes the socket and removes the Unix socket file.
   ~Listener();

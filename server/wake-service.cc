@@ -10,12 +10,11 @@ namespace {
 
 constexpr char kVersion[] = "0.1";
 
-// "models/hey-kestrel.kmodel" -> "hey-kestrel".
-std::string FileStem(const std::string& path) {
-  const size_t slash = path.find_last_of('/');
-  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-  const size_t dot = name.find_last_of('.');
-  if (dot != std::string::npos && dot > 0) name.erase(dot);
+// A hotword's name as Wyoming clients name it: "hey kestrel" -> "hey-kestrel".
+std::string Identifier(std::string name) {
+  for (char& c : name) {
+    if (c == ' ') c = '-';
+  }
   return name;
 }
 
@@ -30,14 +29,13 @@ std::string Phrase(std::string name) {
 }  // namespace
 
 WakeService::WakeService(const HotwordDetectorOptions& options) : options_(options) {
-  NewDetector();  // checks the models, options and the names' count
+  // Checks the models, options and the names' count, and names the hotwords
+  // the library's way when no names are given.
+  const std::unique_ptr<HotwordDetector> detector = NewDetector();
   std::vector<std::string>& names = options_.hotword_names;
   if (names.empty()) {
-    for (const HotwordModel& model : options_.models) {
-      const size_t count = model.hotwords.size();
-      for (size_t k = 1; k <= count; ++k) {
-        names.push_back(FileStem(model.name) + (count > 1 ? "-" + std::to_string(k) : ""));
-      }
+    for (int k = 1; k <= detector->NumHotwords(); ++k) {
+      names.push_back(Identifier(detector->HotwordName(k)));
     }
   }
   std::set<std::string> seen;

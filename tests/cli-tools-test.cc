@@ -148,7 +148,7 @@ TEST_F(DetectCommandTest, ReadsRawSamplesFromStandardInputAndPrintsJson) {
     ASSERT_EQ(0u, line.find(prefix)) << line;
     const double time = std::stod(line.substr(prefix.size()));
     const std::string sample = ", \"sample\": " + std::to_string(std::lround(time * 16000));
-    EXPECT_NE(std::string::npos, line.find(sample + ", \"hotword\": 1, \"score\": ")) << line;
+    EXPECT_NE(std::string::npos, line.find(sample + ", \"hotword\": 1, \"name\": \"")) << line;
   }
   EXPECT_NEAR(1.33, std::stod(lines[0].substr(prefix.size())), 0.05);
 }

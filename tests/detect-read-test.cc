@@ -198,6 +198,32 @@ TEST(DetectModelReadTest, MalformedFilesFailNamingWhatIsWrong) {
   EXPECT_EQ("Expected token \"<Kw>\", got instead \"</KwInfo>\".",
             KESTREL_ERROR_TEXT(UniversalDetectStream det(
                 Options(dir.WriteFile("bad", header + "<NumKws> 2000000000 </KwInfo>")))));
+  // Names after the network: one per hotword, closed.
+  TestModel one;
+  one.hotwords = {TestHotword({0, 1})};
+  const std::string named = TestModelText(one) + "<HotwordNames> ";
+  EXPECT_EQ("UniversalDetectStream: model file \"" + path + "\": <HotwordNames> must give one "
+            "name for each of the 1 hotwords, not a count of 0.",
+            KESTREL_ERROR_TEXT(UniversalDetectStream det(
+                Options(dir.WriteFile("bad", named + "0 </HotwordNames>")))));
+  EXPECT_EQ("UniversalDetectStream: model file \"" + path + "\": <HotwordNames> of 1 names ends "
+            "with \"\" instead of </HotwordNames>.",
+            KESTREL_ERROR_TEXT(UniversalDetectStream det(
+                Options(dir.WriteFile("bad", named + "1 hey")))));
+}
+
+TEST(DetectModelWriteTest, WritingBackKeepsTheHotwordNames) {
+  TestDir dir;
+  TestModel one;
+  one.hotwords = {TestHotword({0, 1})};
+  const std::string path =
+      dir.WriteFile("named", TestModelText(one) + "<HotwordNames> 1 hey_computer </HotwordNames>");
+  UniversalDetectStreamOptions options = Options(path);
+  options.sensitivity_str = "0.25";
+  UniversalDetectStream(options).UpdateModel();
+  const HotwordModel back = HotwordModel::ReadFile(path);
+  EXPECT_EQ("hey computer", back.hotwords[0].name);
+  EXPECT_EQ(0.25f, back.hotwords[0].sensitivity);
 }
 
 TEST(DetectModelWriteTest, RoundTripsThroughBinaryAndText) {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <string>
@@ -222,6 +224,33 @@ TEST_F(HotwordDetectorTest, SensitivitiesAreSetAndReadPerHotwordNumber) {
             KESTREL_ERROR_TEXT(detector.HotwordName(0)));
   EXPECT_NE("", KESTREL_ERROR_TEXT(detector.SetSensitivities({0.1f, 0.2f, 0.3f})));
   EXPECT_EQ((std::vector<float>{0.5f, 0}), detector.Sensitivities());
+}
+
+TEST_F(HotwordDetectorTest, NamesComeFromTheOptionsThenTheModelThenItsFile) {
+  HotwordModel stored = options_.models[0];
+  stored.hotwords[0].name = "hey whistle";
+  HotwordModel two = options_.models[0];
+  two.hotwords.push_back(two.hotwords[0]);
+  two.name = "dir.d/two_tones.kmodel";
+  HotwordModel buffer = options_.models[0];
+  buffer.name = "model buffer 1";
+  options_.models = {options_.models[0], stored, two, buffer};
+  options_.hotword_names.clear();
+  HotwordDetector detector(options_);
+  // The fixture's file is "<temporary prefix>-tone.kmodel".
+  std::string tone = std::filesystem::path(model_).stem().string();
+  std::replace(tone.begin(), tone.end(), '-', ' ');
+  ASSERT_EQ(" tone", tone.substr(tone.size() - 5));
+  const std::vector<std::string> expected = {tone, "hey whistle", "two tones 1", "two tones 2", ""};
+  for (int k = 1; k <= detector.NumHotwords(); ++k) {
+    EXPECT_EQ(expected[k - 1], detector.HotwordName(k)) << k;
+  }
+  const std::vector<Detection> found = RunStream(&detector, WhistleAudio(3.0, {1.0}));
+  ASSERT_FALSE(found.empty());
+  EXPECT_EQ(tone, found[0].name);
+  // Names given by the caller win over the stored one.
+  options_.hotword_names = {"a", "b", "c", "d", "e"};
+  EXPECT_EQ("b", HotwordDetector(options_).HotwordName(2));
 }
 
 TEST_F(HotwordDetectorTest, RefusesOptionsThatDoNotFitTheModels) {

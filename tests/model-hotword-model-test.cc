@@ -77,5 +77,70 @@ TEST(HotwordModelTest, MessagesNameTheBufferAndTheReporter) {
             KESTREL_ERROR_TEXT(model.Check()));
 }
 
+TEST(HotwordModelTest, NamesFollowTheNetworkAndSurviveEveryRoundTrip) {
+  TestModel source;
+  source.hotwords = {TestHotword{{1}}, TestHotword{{2}}};
+  const std::string text = TestModelText(source);
+  HotwordModel model = HotwordModel::ReadMemory(text.data(), text.size(), "m");
+  EXPECT_EQ("", model.hotwords[0].name);
+  // Unnamed models are written as before: nothing after the network.
+  for (bool binary : {true, false}) {
+    EXPECT_EQ(std::string::npos, Written(model, binary).find("<HotwordNames>"));
+  }
+  model.hotwords[0].name = "hey computer";
+  model.hotwords[1].name = "okay l'antern";
+  for (bool binary : {true, false}) {
+    const std::string bytes = Written(model, binary);
+    // After the network, where readers that stop there never look.
+    EXPECT_GT(bytes.find("<HotwordNames>"), bytes.find("</Nnet>"));
+    const HotwordModel back = HotwordModel::ReadMemory(bytes.data(), bytes.size(), "m");
+    EXPECT_EQ("hey computer", back.hotwords[0].name);
+    EXPECT_EQ("okay l'antern", back.hotwords[1].name);
+    EXPECT_EQ(bytes, Written(back, binary));
+  }
+  // Names a file cannot hold are refused before anything is written.
+  for (const char* bad : {"hey_computer", " hey", "", "tab\there"}) {
+    model.hotwords[1].name = bad;
+    EXPECT_NE("", KESTREL_ERROR_TEXT(Written(model, true))) << bad;
+    EXPECT_NE("", KESTREL_ERROR_TEXT(model.Check())) << bad;
+  }
+  model.hotwords[0].name = "";
+  model.hotwords[1].name = "okay";
+  EXPECT_EQ("HotwordModel: model file \"m\", hotword 2: named \"okay\" while hotword 1 has no "
+            "name; name every hotword or none.",
+            KESTREL_ERROR_TEXT(model.Check()));
+}
+
+TEST(HotwordModelTest, MalformedNameBlocksFailNamingTheFile) {
+  TestModel source;
+  source.hotwords = {TestHotword{{1}}};
+  const std::string model = TestModelText(source);
+  const std::string where = "HotwordModel: model file \"f\": ";
+  const std::pair<std::string, std::string> cases[] = {
+      {"<HotwordNames> 2 a b </HotwordNames>",
+       where + "<HotwordNames> must give one name for each of the 1 hotwords, not a count of 2."},
+      {"<HotwordNames> x </HotwordNames>",
+       where + "<HotwordNames> must give one name for each of the 1 hotwords, not a count of "
+               "(unreadable)."},
+      {"<HotwordNames> 1 hey",
+       where + "<HotwordNames> of 1 names ends with \"\" instead of </HotwordNames>."},
+      {"<HotwordNames> 1 hey there </HotwordNames>",
+       where + "<HotwordNames> of 1 names ends with \"there\" instead of </HotwordNames>."},
+      {"<HotwordNamez> 1 hey </HotwordNames>",
+       where + "expected <HotwordNames> after the network, got \"<HotwordNamez>\"."},
+      {"<HotwordNames> 1 \x01hey </HotwordNames>",
+       "HotwordModel: model file \"f\", hotword 1: name \"\x01hey\" cannot be stored; a name "
+       "is not empty, has no control characters, no '_' and no space at either end."},
+  };
+  for (const auto& [block, error] : cases) {
+    const std::string bytes = model + block;
+    EXPECT_EQ(error, KESTREL_ERROR_TEXT(HotwordModel::ReadMemory(bytes.data(), bytes.size(), "f")))
+        << block;
+  }
+  // Anything else after the network is ignored, as it always was.
+  const std::string trailing = model + "# a comment\n";
+  EXPECT_EQ("", KESTREL_ERROR_TEXT(HotwordModel::ReadMemory(trailing.data(), trailing.size(), "f")));
+}
+
 }  // namespace
 }  // namespace kestrel

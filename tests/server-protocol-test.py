@@ -187,6 +187,20 @@ class MalformedEvents(unittest.TestCase):
         self.assertEqual(server.log().count("gone in the middle of an event"), 3)
 
 
+class CommandLine(unittest.TestCase):
+    def test_malformed_uri_is_a_usage_error_and_a_busy_one_a_failure(self):
+        def serve(uri):
+            return subprocess.run([KESTREL, "serve", "--model-str=" + MODEL, "--uri=" + uri],
+                                  capture_output=True, text=True, timeout=30)
+        for uri in ["http://localhost:1", "tcp://localhost", "tcp://:99999", "unix://"]:
+            result = serve(uri)
+            self.assertEqual(result.returncode, 2, uri)
+            self.assertIn("--uri " + uri, result.stderr)
+        busy = serve(server.address)
+        self.assertEqual(busy.returncode, 1)
+        self.assertIn("cannot bind", busy.stderr)
+
+
 class Stopping(unittest.TestCase):
     def test_sigterm_closes_clients_and_exits_0(self):
         path = os.path.join(tempfile.mkdtemp(), "kestrel.sock")

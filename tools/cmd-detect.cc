@@ -14,6 +14,7 @@
 #include "args.h"
 #include "commands.h"
 #include "detection-output.h"
+#include "progress-bar.h"
 #include "facade/hotword-detector.h"
 #include "frontend/audio-format.h"
 #include "frontend/resampler.h"
@@ -27,40 +28,6 @@ namespace {
 
 // Audio shorter than this finishes before a progress bar would help.
 constexpr int64 kProgressMinSamples = 60 * static_cast<int64>(kSampleRate);
-
-// A one-line bar on standard error, redrawn in place, for long files when
-// standard error is a terminal. Cleared before any other output.
-class ProgressBar {
- public:
-  ProgressBar(const std::string& label, int64 total)
-      : label_(label), total_(total), shown_(total >= kProgressMinSamples && isatty(2)) {}
-  ~ProgressBar() { Clear(); }
-
-  void Update(int64 done) {
-    if (!shown_) return;
-    const int percent = static_cast<int>(100 * done / total_);
-    if (percent == percent_) return;
-    percent_ = percent;
-    const int filled = percent / 5;
-    std::cerr << "\r" << label_ << " [" << std::string(filled, '#')
-              << std::string(20 - filled, '.') << "] " << percent << "%" << std::flush;
-    drawn_ = true;
-  }
-
-  void Clear() {
-    if (!drawn_) return;
-    std::cerr << "\r\033[K" << std::flush;
-    drawn_ = false;
-    percent_ = -1;
-  }
-
- private:
-  std::string label_;
-  int64 total_;
-  bool shown_;
-  bool drawn_ = false;
-  int percent_ = -1;
-};
 
 class DetectCommand {
  public:
@@ -128,13 +95,15 @@ bool DetectCommand::RunWave(const std::string& file) {
     Failure(e.what());  // the reader's messages start with the file name
     return false;
   }
-  ProgressBar progress(file, reader->NumSamples());
+  const int64 total = reader->NumSamples();
+  ProgressBar progress(file, total >= kProgressMinSamples ? ProgressBar::Show::kOnTerminal
+                                                          : ProgressBar::Show::kNever);
   ListenForScores(detector, file);
   chunk_.resize(static_cast<size_t>(reader->SampleRate()));  // a second at a time
   try {
     while (size_t n = reader->Read(chunk_.data(), chunk_.size())) {
       Print(file, detector->Process(chunk_.data(), n), &progress);
-      progress.Update(reader->Position());
+      progress.Update(static_cast<double>(reader->Position()), static_cast<double>(total));
     }
     Print(file, detector->Flush(), &progress);
   } catch (const KestrelError& e) {
@@ -148,7 +117,7 @@ bool DetectCommand::RunWave(const std::string& file) {
 
 bool DetectCommand::RunStandardInput(int rate, bool floats) {
   const std::string label = "-";
-  ProgressBar no_progress(label, 0);
+  ProgressBar no_progress(label, ProgressBar::Show::kNever);
   const size_t sample_bytes = floats ? 4 : 2;
   std::vector<unsigned char> bytes(sample_bytes * static_cast<size_t>(rate));
   size_t held = 0;  // bytes of a sample split across reads

@@ -46,7 +46,8 @@ void PrintModel(const HotwordModel& model, int first_hotword) {
   const bool piecewise = IsPiecewiseModel(model);
   for (size_t k = 0; k < model.hotwords.size(); ++k) {
     const HotwordRecord& hotword = model.hotwords[k];
-    std::cout << "  hotword " << first_hotword + k << ": units [";
+    std::cout << "  hotword " << first_hotword + k
+              << (hotword.name.empty() ? "" : " \"" + hotword.name + "\"") << ": units [";
     for (size_t i = 0; i < hotword.keyword.size(); ++i) {
       std::cout << (i ? " " : "") << hotword.keyword[i];
     }

@@ -4,6 +4,7 @@
 
 #include <exception>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -34,11 +35,11 @@ int RunServe(int argc, char** argv) {
       "Serves hotword detection over the Wyoming protocol, for Home Assistant's\n"
       "voice pipelines (add it there with the Wyoming integration, giving this\n"
       "machine's host name and the port). Clients send 16 kHz 16-bit mono audio\n"
-      "and are told each hotword by name: --hotword-names, or else the model's\n"
-      "file name (hey-kestrel.kmodel: hey-kestrel; with -1, -2, ... appended for\n"
-      "a model of several hotwords). One log line per connection on standard\n"
-      "error; SIGTERM or SIGINT lets the clients' events in hand finish, then\n"
-      "exits 0.");
+      "and are told each hotword by name: --hotword-names, or else the name the\n"
+      "model stores, or its file name (hey-kestrel.kmodel: hey-kestrel; with -1,\n"
+      "-2, ... appended for a model of several hotwords), spaces as dashes. One\n"
+      "log line per connection on standard error; SIGTERM or SIGINT lets the\n"
+      "clients' events in hand finish, then exits 0.");
   AddDetectorOptions(&parser, &args);
   parser.AddString("uri", &uri, "where to listen: tcp://HOST:PORT or unix:///PATH");
   parser.AddInt("max-clients", &max_clients,
@@ -66,6 +67,8 @@ int RunServe(int argc, char** argv) {
   std::unique_ptr<Listener> listener;
   try {
     listener = std::make_unique<Listener>(uri, max_clients, service.get(), &log);
+  } catch (const std::invalid_argument& e) {
+    return UsageError("serve", e.what());
   } catch (const std::runtime_error& e) {
     return Failure(e.what());
   }

@@ -1,8 +1,9 @@
-// kestrel train: a hotword model from a generated corpus, in one run:
-// features, frame labels, network training, choice of the search settings
-// and sensitivity on the held-out split, and the model file.
+// kestrel train: a hotword model in one run, from a phrase (the corpus is
+// synthesized first; see phrase-training.h) or from a corpus made by
+// training/make-corpus.py: features, frame labels, network training, choice
+// of the search settings and sensitivity on the held-out split, and the
+// model file.
 #include <chrono>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -11,113 +12,50 @@
 
 #include "args.h"
 #include "commands.h"
-#include "corpus-split.h"
-#include "hotword-trainer.h"
-#include "hotword-units.h"
-#include "posterior-scan.h"
-#include "search-tuning.h"
-#include "training-frames.h"
+#include "model-training.h"
+#include "phrase-training.h"
 #include "utils/kestrel-log.h"
 #include "utils/kestrel-utils.h"
 
 namespace kestrel {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-struct TrainConfig {
-  std::string corpus;
-  std::string out;
-  std::string train_split = "train";
-  std::string dev_split = "dev";
-  std::string cache_dir;
-  std::string report;
-  // The two best on dev; `kestrel evaluate` compares them all.
-  std::string methods = "3,6";
-  std::string max_fa = "0.5";
-  std::string max_near = "0.15";
-  std::string learning_rate = "0.001";
-  std::string filler_fraction = "0.5";
-  // Four units: with six, a fast speaker's shortest units lasted fewer
-  // frames than the Viterbi searches' minimum per unit, and dev misses were
-  // a third higher.
-  int32 units = 4;
-  int32 threads = 2;
-  bool text = false;
-  HotwordTrainerOptions trainer;
-};
-
 class Timer {
  public:
-  double Seconds() const { return std::chrono::duration<double>(Clock::now() - start_).count(); }
+  double Seconds() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+  }
 
  private:
-  Clock::time_point start_ = Clock::now();
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-std::vector<std::vector<int>> LabelsOf(const CorpusSplit& split, const HotwordUnits& units) {
-  std::vector<std::vector<int>> labels;
-  for (size_t c = 0; c < split.clips.size(); ++c) {
-    labels.push_back(FrameLabels(split.clips[c], units, split.features.NumFrames(static_cast<int>(c))));
-  }
-  return labels;
-}
-
-int Train(TrainConfig config, const UniversalDetectStreamOptions& detector) {
+int TrainFromCorpus(const TrainConfig& config) {
   Timer total;
-  const std::string cache = config.cache_dir.empty() ? config.corpus : config.cache_dir;
-  CorpusSplit train = LoadCorpusSplit(config.corpus, config.train_split, cache, config.threads, Progress);
-  CorpusSplit dev = LoadCorpusSplit(config.corpus, config.dev_split, cache, config.threads, Progress);
+  CorpusSplit train = LoadSplit(config, config.train_split, Progress);
+  CorpusSplit dev = LoadSplit(config, config.dev_split, Progress);
   if (dev.NumPositives() == 0) return Failure(config.dev_split + ": the split has no positive clips");
   const double feature_seconds = total.Seconds();
 
   HotwordUnits units = ChooseUnits(train.clips, config.units);
   Progress("units: " + units.Describe());
-  Splice splice = MakeSplice(train.features.Dim(), config.trainer);
-  TrainingFrames train_frames(&train.features, LabelsOf(train, units), splice);
-  TrainingFrames dev_frames(&dev.features, LabelsOf(dev, units), splice);
-  Progress("frames: " + std::to_string(train_frames.UnitFrames().size()) + " hotword, " +
-           std::to_string(train_frames.FillerFrames().size()) + " filler");
-
   Timer training;
-  config.trainer.learning_rate = ConvertStringToIntegerOrFloat<float>(config.learning_rate);
-  Nnet nnet = TrainHotwordNetwork(train_frames, &dev_frames, config.trainer, Progress);
+  Nnet nnet = TrainNetwork(config, train, dev, units, Progress);
   const double training_seconds = training.Seconds();
 
   Timer tuning_timer;
-  SearchTuningOptions tuning;
-  tuning.detector = detector;
-  tuning.num_threads = config.threads;
-  tuning.max_false_alarms_per_hour = ConvertStringToIntegerOrFloat<double>(config.max_fa);
-  tuning.max_near_phrase_accept_rate = ConvertStringToIntegerOrFloat<double>(config.max_near);
-  SplitStringToIntegers<int32>(config.methods, ",", &tuning.methods);
-  if (tuning.methods.empty()) return UsageError("train", "--methods names no search method");
-  FeatureSet dev_posteriors = ComputePosteriors(nnet, dev.features, config.threads);
-  std::vector<TunedSearch> tuned =
-      TuneSearchMethods(dev.clips, dev_posteriors, units.unit_seconds, tuning, Progress);
-  const TunedSearch& best = tuned[BestTunedSearch(tuned)];
+  const TunedSearch best = TuneSearch(config, nnet, dev, units, Progress);
   const double tuning_seconds = tuning_timer.Seconds();
-
-  HotwordModel model = best.settings;
-  model.nnet = std::move(nnet);
-  model.WriteFile(config.out, !config.text);
-  const HotwordRecord& hw = model.hotwords[0];
+  const std::string name =
+      config.hotword_name.empty() ? CorpusPhrase(train.clips) : config.hotword_name;
+  WriteTrainedModel(config, best, nnet, name);
 
   std::ostringstream report;
   report.setf(std::ios::fixed);
-  report.precision(3);
-  report << "model: " << config.out << " (" << std::filesystem::file_size(config.out) << " bytes)\n"
-         << "units: " << units.Describe() << "\n"
-         << "search: " << SearchMethodLabel(hw.search_method) << ", smooth window "
-         << best.settings.smooth_window << ", slide window " << best.settings.slide_window
-         << ", floors " << SearchFloorsLabel(hw) << ", sensitivity " << hw.sensitivity << "\n"
-         << config.dev_split << " at that sensitivity: FRR " << 100.0 * best.point.FalseRejectionRate()
-         << "%, " << best.point.false_alarms << " false alarms in " << best.point.hours
-         << " h, near phrases accepted " << best.point.confusables_accepted << "/"
-         << best.point.confusables << "\n";
   report.precision(0);
-  report << "time: features " << feature_seconds << " s, training " << training_seconds
-         << " s, tuning " << tuning_seconds << " s, total " << total.Seconds() << " s\n";
+  report << TrainedModelReport(config, best, units, name) << "time: features "
+         << feature_seconds << " s, training " << training_seconds << " s, tuning "
+         << tuning_seconds << " s, total " << total.Seconds() << " s\n";
   std::cout << report.str() << std::flush;
   if (!config.report.empty()) {
     std::ofstream file(config.report);
@@ -131,12 +69,23 @@ int Train(TrainConfig config, const UniversalDetectStreamOptions& detector) {
 
 int RunTrain(int argc, char** argv) {
   TrainConfig config;
-  UniversalDetectStreamOptions detector;
+  PhraseTrainingOptions phrase;
   HotwordTrainerOptions& t = config.trainer;
   int32 seed = static_cast<int32>(t.seed);
+  // 0 until given: then the trainer's default, or fewer with --quick.
+  int32 epochs = 0;
   ArgParser parser(
-      "kestrel train --corpus=DIR --out=MODEL.kmodel [options]",
-      "Trains a one-hotword model from a corpus made by training/make-corpus.py:\n"
+      "kestrel train --phrase=\"WORDS\" --out=MODEL.kmodel [--quick] [options]\n"
+      "       kestrel train --corpus=DIR --out=MODEL.kmodel [options]",
+      "With --phrase, makes a model for your own wake word of 1 to 4 English words\n"
+      "in one run: installs the speech synthesizers (or says what to install),\n"
+      "checks the phrase, synthesizes a corpus of it said by many voices in noise,\n"
+      "computes features, trains, tunes and writes the model with the phrase as its\n"
+      "hotword name, showing each stage's progress and a summary. Stopped and run\n"
+      "again with the same options, it resumes after the last finished stage (kept\n"
+      "in --work). About 30 minutes on 2 cores; --quick takes a few minutes for a\n"
+      "model good enough to try.\n\n"
+      "With --corpus, trains on a corpus made by training/make-corpus.py:\n"
       "computes the filterbank features of every clip (cached in the corpus),\n"
       "labels each frame of the positives with its hotword unit from the phoneme\n"
       "timings, trains the network, then chooses the search method, windows,\n"
@@ -144,14 +93,23 @@ int RunTrain(int argc, char** argv) {
       "within --max-fa-per-hour and near phrases are accepted at most\n"
       "--max-near-accept of the time, and writes the model. Progress goes to standard\n"
       "error, a summary to standard output.");
-  parser.AddString("corpus", &config.corpus, "corpus directory with the manifests; required");
+  parser.AddString("phrase", &phrase.phrase, "the wake word to make a model for");
+  parser.AddFlag("quick", &phrase.quick, "with --phrase: a smaller corpus and shorter training");
+  parser.AddString("work", &phrase.work_dir,
+                   "with --phrase: where the corpus, features and stage stamps are kept "
+                   "(default: MODEL.work next to --out)");
+  parser.AddString("corpus", &config.corpus, "corpus directory with the manifests");
   parser.AddString("out", &config.out, "model file to write; required");
+  parser.AddString("hotword-name", &config.hotword_name,
+                   "the hotword's name in the model (default: the phrase)");
   parser.AddString("train-split", &config.train_split, "split to train on");
   parser.AddString("dev-split", &config.dev_split, "held-out split for scoring and tuning");
   parser.AddString("cache-dir", &config.cache_dir, "where features are cached (default: the corpus)");
   parser.AddString("report", &config.report, "also write the summary to this file");
   parser.AddInt("units", &config.units, "hotword units (network outputs besides the filler)");
-  parser.AddInt("epochs", &t.epochs, "passes over the hotword frames");
+  parser.AddInt("epochs", &epochs,
+                "passes over the hotword frames; 0: " + std::to_string(t.epochs) + ", " +
+                    std::to_string(kQuickEpochs) + " with --quick");
   parser.AddInt("hidden-dim", &t.hidden_dim, "width of the hidden layers");
   parser.AddInt("hidden-layers", &t.hidden_layers, "number of hidden layers");
   parser.AddInt("left-context", &t.left_context, "past feature frames the network sees");
@@ -165,34 +123,43 @@ int RunTrain(int argc, char** argv) {
   parser.AddInt("max-masked-frames", &t.max_masked_frames,
                 "augmentation: longest run of context frames dropped to a quiet level");
   parser.AddString("learning-rate", &config.learning_rate, "Adam step size");
-  parser.AddInt("seed", &seed, "random seed (initial weights, sampling)");
+  parser.AddInt("seed", &seed, "random seed (initial weights, sampling, and the corpus)");
   parser.AddString("methods", &config.methods, "search methods to choose from, comma-separated");
   parser.AddString("max-fa-per-hour", &config.max_fa,
                    "false alarms per hour allowed on the held-out split");
   parser.AddString("max-near-accept", &config.max_near,
                    "share of the held-out near phrases the detector may accept");
-  parser.AddInt("threads", &config.threads, "worker threads for features and tuning");
+  parser.AddInt("threads", &config.threads, "worker threads (and corpus synthesis processes)");
   parser.AddFlag("text", &config.text, "write the model in text form");
-  AddCorpusScanOptions(&parser, &detector);
+  AddCorpusScanOptions(&parser, &config.detector);
   std::vector<std::string> positional;
   int status = kExitOk;
   if (!parser.ParseCommand(argc, argv, &positional, &status)) return status;
-  if (config.corpus.empty()) return UsageError("train", "--corpus is required");
+  if (config.corpus.empty() == phrase.phrase.empty()) {
+    return UsageError("train", "give either --phrase or --corpus");
+  }
   if (config.out.empty()) return UsageError("train", "--out is required");
   if (!positional.empty()) return UsageError("train", "unexpected argument \"" + positional[0] + "\"");
-  if (config.threads < 1 || config.units < 1 || t.epochs < 1 || t.batch_size < 1 ||
+  t.epochs = epochs > 0 ? epochs : (phrase.quick ? kQuickEpochs : t.epochs);
+  if (config.threads < 1 || config.units < 1 || epochs < 0 || t.batch_size < 1 ||
       t.hidden_dim < 1 || t.hidden_layers < 0 || t.left_context < 0 || t.right_context < 0) {
-    return UsageError("train", "--threads, --units, --epochs, --batch-size and --hidden-dim must be "
-                               "at least 1, --hidden-layers and the contexts at least 0");
+    return UsageError("train", "--threads, --units, --batch-size and --hidden-dim must be "
+                               "at least 1, --epochs, --hidden-layers and the contexts at least 0");
+  }
+  if (!config.hotword_name.empty() && !HotwordModel::IsStorableHotwordName(config.hotword_name)) {
+    return UsageError("train", "--hotword-name \"" + config.hotword_name +
+                                   "\" cannot be stored: no '_', control characters or space "
+                                   "at either end");
   }
   t.seed = static_cast<uint32>(seed);
   try {
-    config.trainer.filler_fraction = ConvertStringToIntegerOrFloat<double>(config.filler_fraction);
-    if (!(config.trainer.filler_fraction > 0.0 && config.trainer.filler_fraction < 1.0)) {
+    const double filler = ConvertStringToIntegerOrFloat<double>(config.filler_fraction);
+    if (!(filler > 0.0 && filler < 1.0)) {
       return UsageError("train", "--filler-fraction must be between 0 and 1, not " +
                                      config.filler_fraction);
     }
-    return Train(config, detector);
+    if (!phrase.phrase.empty()) return TrainPhrase(phrase, config);
+    return TrainFromCorpus(config);
   } catch (const KestrelError& e) {
     return Failure(e.what());
   }

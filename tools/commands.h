@@ -18,6 +18,7 @@ int RunListen(int argc, char** argv);
 int RunServe(int argc, char** argv);
 int RunTrain(int argc, char** argv);
 int RunEvaluate(int argc, char** argv);
+int RunTune(int argc, char** argv);
 
 // "kestrel <command>: <message>" and a pointer to the help on standard
 // error; returns kExitUsage.

@@ -29,7 +29,8 @@ const Command kCommands[] = {
 #ifdef KESTREL_WITH_SERVER
     {"serve", RunServe, "serve hotword detection to Home Assistant (Wyoming protocol)"},
 #endif
-    {"train", RunTrain, "train a hotword model from a corpus"},
+    {"train", RunTrain, "train a hotword model for a phrase, or from a corpus"},
+    {"tune", RunTune, "choose a model's sensitivity from your own recordings"},
     {"evaluate", RunEvaluate, "measure a model's detections and false alarms on a corpus"},
 };
 

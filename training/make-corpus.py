@@ -11,11 +11,22 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 
-from kcorpus import build  # noqa: E402
+from kcorpus import build, phrase_check  # noqa: E402
+
+
+def sized_defaults(argv):
+    """build.DEFAULTS, with train and dev sizes from a --size preset."""
+    pre = argparse.ArgumentParser(add_help=False)
+    pre.add_argument("--size", choices=sorted(build.SIZES))
+    size = pre.parse_known_args(argv)[0].size
+    d = {k: (dict(v) if isinstance(v, dict) else v) for k, v in build.DEFAULTS.items()}
+    for key, values in build.SIZES.get(size, {}).items():
+        d[key].update(values)
+    return d
 
 
 def main():
-    d = build.DEFAULTS
+    d = sized_defaults(sys.argv[1:])
     ap = argparse.ArgumentParser(description=__doc__)
     ap.add_argument("--phrase", default="hey kestrel")
     ap.add_argument("--out", default=os.path.join(HERE, "corpus"))
@@ -23,6 +34,18 @@ def main():
                     help="comma separated subset of train,dev,test")
     ap.add_argument("--seed", type=int, default=1)
     ap.add_argument("--jobs", type=int, default=2)
+    ap.add_argument("--size", choices=sorted(build.SIZES),
+                    help="smaller train and dev splits: " + "; ".join(
+                        "%s: %d/%d positives, %.1f/%.1f h" % (
+                            k, v["positives"]["train"], v["positives"]["dev"],
+                            v["hours"]["train"], v["hours"]["dev"])
+                        for k, v in sorted(build.SIZES.items())))
+    ap.add_argument("--check-phrase", action="store_true",
+                    help="only say whether the phrase makes a reliable wake word "
+                         "(exit status 2 when it does not)")
+    ap.add_argument("--progress-lines", action="store_true",
+                    help='print "progress DONE TOTAL" lines on standard output as items '
+                         "finish, for a program to show")
     for s in build.SPLITS:
         ap.add_argument("--%s-positives" % s, type=int, default=d["positives"][s])
         ap.add_argument("--%s-hours" % s, type=float, default=d["hours"][s],
@@ -48,8 +71,13 @@ def main():
 
     if not a.no_install:
         subprocess.run([os.path.join(HERE, "install-deps.sh")], check=True)
+    phrase = " ".join(a.phrase.lower().split())
+    if a.check_phrase:
+        verdict = phrase_check.check_phrase(phrase)
+        print("\n".join(verdict.lines()), flush=True)
+        sys.exit(2 if verdict.errors else 0)
     cfg = {
-        "phrase": a.phrase.strip().lower(), "out": os.path.abspath(a.out),
+        "phrase": phrase, "out": os.path.abspath(a.out),
         "splits": a.splits.split(","), "seed": a.seed, "jobs": max(1, a.jobs),
         "positives": {s: getattr(a, "%s_positives" % s) for s in build.SPLITS},
         "hours": {s: getattr(a, "%s_hours" % s) for s in build.SPLITS},
@@ -66,7 +94,11 @@ def main():
         ap.error("unknown split(s): %s" % ",".join(sorted(bad)))
     os.makedirs(cfg["out"], exist_ok=True)
     t0 = time.time()
-    build.generate(cfg)
+    progress = None
+    if a.progress_lines:
+        def progress(done, total):
+            print("progress %d %d" % (done, total), flush=True)
+    build.generate(cfg, progress=progress)
     print("done in %.1f s -> %s" % (time.time() - t0, cfg["out"]), file=sys.stderr)
 
 

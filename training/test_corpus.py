@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import subprocess
 import sys
 import tempfile
 import unittest
@@ -11,7 +12,7 @@ import wave
 import numpy as np
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from kcorpus import audio, build, synth_server, texts, tts  # noqa: E402
+from kcorpus import audio, build, phrase_check, synth_server, texts, tts  # noqa: E402
 
 
 def tiny_cfg(out, jobs):
@@ -34,8 +35,10 @@ class TinyCorpus(unittest.TestCase):
         cls.tmp = tempfile.TemporaryDirectory()
         cls.out = os.path.join(cls.tmp.name, "a")
         cls.cfg = tiny_cfg(cls.out, 1)
+        cls.progress = []
         with open(os.devnull, "w") as null:
-            build.generate(cls.cfg, log=null)
+            build.generate(cls.cfg, log=null,
+                           progress=lambda done, total: cls.progress.append((done, total)))
         cls.m = {s: load(cls.out, s) for s in build.SPLITS}
 
     @classmethod
@@ -44,6 +47,12 @@ class TinyCorpus(unittest.TestCase):
 
     def entries(self):
         return [e for s in build.SPLITS for e in self.m[s]]
+
+    def test_progress_counts_every_item_of_all_splits_once(self):
+        total = sum(len(self.m[s]) for s in build.SPLITS)
+        self.assertEqual(self.progress[-1], (total, total))
+        done = [d for d, _ in self.progress]
+        self.assertEqual(done, sorted(set(done)))
 
     def test_wav_format(self):
         for e in self.entries():
@@ -239,3 +248,41 @@ class Pieces(unittest.TestCase):
 
 if __name__ == "__main__":
     unittest.main()
+
+
+class PhraseChecks(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.sentences = phrase_check.everyday_sentences()
+        cls.lexicon = phrase_check.everyday_lexicon(cls.sentences)
+
+    def check(self, phrase):
+        return phrase_check.check_phrase(phrase, sentences=self.sentences, lexicon=self.lexicon)
+
+    def test_refusals_say_why(self):
+        for phrase, why in (("hey bob", "too short to be reliable: 2 syllables and 5 phonemes"),
+                            ("one two three four five", "has 5 words; a wake word has 1 to 4"),
+                            ("hey r2d2", '"r2d2": use English words of letters only'),
+                            ("hey, computer", '"hey,": use English words')):
+            errors = self.check(phrase).errors
+            self.assertEqual(len(errors), 1, phrase)
+            self.assertIn(why, errors[0])
+
+    def test_counts_syllables_of_lexicon_and_espeak_words(self):
+        v = self.check("hey kestrel")     # "kestrel" is not in the lexicon
+        self.assertEqual((v.errors, v.syllables, len(v.sounds)), ([], 3, 8))
+        v = self.check("okay lantern")
+        self.assertEqual((v.errors, v.warnings, v.syllables), ([], [], 4))
+
+    def test_warns_about_everyday_words(self):
+        warnings = self.check("computer").warnings
+        self.assertTrue(any("is said in" in w for w in warnings), warnings)
+        self.assertTrue(any('sounds almost like "computers"' in w for w in warnings), warnings)
+        self.assertEqual(self.check("hey computer").warnings, [])
+
+    def test_make_corpus_exit_status(self):
+        script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "make-corpus.py")
+        run = subprocess.run([script, "--phrase", "Hey  Bob", "--check-phrase", "--no-install"],
+                             capture_output=True, text=True)
+        self.assertEqual(run.returncode, 2)
+        self.assertTrue(run.stdout.startswith('phrase: "hey bob" is HH EY B AA B'), run.stdout)

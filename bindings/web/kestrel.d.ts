@@ -10,7 +10,7 @@
 export interface Detection {
   /** 1-based over all models, in the order they were given. */
   hotword: number;
-  /** The hotword's name from `DetectorOptions.names`, "" when none was given. */
+  /** The hotword's name from `DetectorOptions.names`, else the name its model stores, else "". */
   name: string;
   /** Position in the stream, in input samples since it began (or since the last reset/flush). */
   sample: number;
@@ -35,7 +35,7 @@ export interface DetectorOptions {
 export interface Detector {
   readonly sampleRate: number;
   readonly numHotwords: number;
-  /** The hotwords' names, by hotword number - 1 ("" where none was given). */
+  /** The hotwords' names, by hotword number - 1 (as `Detection.name`). */
   readonly names: string[];
   /** Analyses more mono samples at `sampleRate` (int16, or float in [-1, 1]; any length)
    *  and returns the detections they completed. */

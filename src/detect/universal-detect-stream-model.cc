@@ -62,6 +62,7 @@ void UniversalDetectStream::SizeModelContainers(size_t num_models) {
   search_max_.resize(num_models);
   num_piece_layouts_.resize(num_models);
   num_pieces_.resize(num_models);
+  hotword_names_.resize(num_models);
   piece_infos_.resize(num_models);
   smooth_window_.resize(num_models, 0);
   slide_window_.resize(num_models, 0);
@@ -94,6 +95,7 @@ void UniversalDetectStream::LoadModel(int model_id, HotwordModel model, int32* n
     search_max_[m].push_back(record.search_max);
     num_piece_layouts_[m].push_back(options_.num_piece_layouts);
     num_pieces_[m].push_back(record.num_pieces);
+    hotword_names_[m].push_back(std::move(record.name));
     redup_pending_[m].push_back(false);
     redup_frame_[m].push_back(-1000);
     redup_score_[m].push_back(0.0f);
@@ -151,6 +153,7 @@ HotwordModel UniversalDetectStream::Model(int model_id) const {
     record.num_pieces = num_pieces_[m][k];
     record.duration_pass = duration_pass_[m][k];
     record.floor_pass = floor_pass_[m][k];
+    record.name = hotword_names_[m][k];
     model.hotwords.push_back(std::move(record));
   }
   model.nnet = nnets_[m];

@@ -297,6 +297,8 @@ class UniversalDetectStream : public StreamItf {
   std::vector<std::vector<bool>> search_max_;
   std::vector<std::vector<int32>> num_piece_layouts_;
   std::vector<std::vector<int32>> num_pieces_;
+  // Kept only to be written back with the model.
+  std::vector<std::vector<std::string>> hotword_names_;
   std::vector<std::vector<std::vector<std::vector<PieceInfo>>>> piece_infos_;
   std::vector<int32> smooth_window_;
   std::vector<int32> slide_window_;

@@ -38,6 +38,38 @@ int CheckedRate(int rate) {
   return rate;
 }
 
+// "models/hey-computer.kmodel" -> "hey computer". Only file names have an
+// extension: the names models read from memory go by in messages ("model
+// buffer 1") name no hotword.
+std::string NameOfFile(const std::string& path) {
+  const size_t slash = path.find_last_of("/\\");
+  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  const size_t dot = name.find_last_of('.');
+  if (dot == std::string::npos || dot == 0) return "";
+  name.erase(dot);
+  for (char& c : name) {
+    if (c == '-' || c == '_') c = ' ';
+  }
+  return name;
+}
+
+// The names of the models' hotwords when the caller gives none.
+std::vector<std::string> ModelHotwordNames(const std::vector<HotwordModel>& models) {
+  std::vector<std::string> names;
+  for (const HotwordModel& model : models) {
+    const size_t count = model.hotwords.size();
+    for (size_t k = 0; k < count; ++k) {
+      std::string name = model.hotwords[k].name;
+      if (name.empty()) {
+        name = NameOfFile(model.name);
+        if (count > 1) name += (name.empty() ? "" : " ") + std::to_string(k + 1);
+      }
+      names.push_back(std::move(name));
+    }
+  }
+  return names;
+}
+
 void CheckWindowCount(const char* what, size_t given, size_t num_models) {
   if (given != 0 && given != num_models) {
     KESTREL_ERR(kLogFile) << "HotwordDetector: " << given << " " << what
@@ -73,6 +105,7 @@ HotwordDetector::HotwordDetector(const HotwordDetectorOptions& options)
     KESTREL_ERR(kLogFile) << "HotwordDetector: " << hotword_names_.size()
                           << " hotword names given for " << hotwords_.size() << " hotwords.";
   }
+  if (hotword_names_.empty()) hotword_names_ = ModelHotwordNames(options.models);
   const size_t num_models = options.models.size();
   CheckWindowCount("smoothing", options.smooth_windows.size(), num_models);
   CheckWindowCount("slide", options.slide_windows.size(), num_models);
@@ -186,9 +219,8 @@ const HotwordDetector::HotwordPlace& HotwordDetector::Place(int hotword) const {
 }
 
 const std::string& HotwordDetector::HotwordName(int hotword) const {
-  static const std::string kNoName;
   Place(hotword);
-  return hotword_names_.empty() ? kNoName : hotword_names_[hotword - 1];
+  return hotword_names_[hotword - 1];
 }
 
 void HotwordDetector::SetSensitivities(const std::vector<float>& values) {

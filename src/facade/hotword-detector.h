@@ -68,7 +68,12 @@ struct HotwordDetectorOptions {
   // Used for a while after a near miss, as above. Empty: the same as
   // `sensitivities`, which keeps that mode off.
   std::vector<float> high_sensitivities;
-  // Empty, or one name per hotword in hotword-number order.
+  // Empty, or one name per hotword in hotword-number order. Empty: each
+  // hotword is called by the name its model file stores, else after the
+  // file: "hey-computer.kmodel" -> "hey computer" ('-' and '_' as spaces,
+  // the extension dropped), "alarms.kmodel" with two -> "alarms 1",
+  // "alarms 2". A model read from memory is named so only when the name it
+  // was given has an extension, like a file's.
   std::vector<std::string> hotword_names;
   // Empty: the models' own lengths. Otherwise one per model, in frames:
   // posterior smoothing and search windows.
@@ -95,7 +100,7 @@ struct HotwordDetectorOptions {
 struct Detection {
   // 1-based over all models, in load order (as the detector stage numbers them).
   int hotword = 0;
-  // The hotword's name (HotwordName), or empty when no names were given.
+  // The hotword's name (HotwordName).
   std::string name;
   // Where the detecting search step began, in input samples (at the
   // options' sample_rate) from the start of the stream: the first sample of
@@ -139,7 +144,10 @@ class HotwordDetector {
 
   int NumHotwords() const { return static_cast<int>(hotwords_.size()); }
   int SampleRate() const { return resampler_.InputRate(); }
-  // Hotword `hotword` (1 to NumHotwords()); "" when no names were given.
+  // Hotword `hotword` (1 to NumHotwords()): the name given in the options,
+  // else the one its model stores, else its model's file name as words
+  // (see HotwordDetectorOptions::hotword_names); "" for a model without a
+  // stored name read from memory under a name without an extension.
   const std::string& HotwordName(int hotword) const;
 
   // Sensitivities apply from the next search step. The list forms follow

@@ -75,7 +75,9 @@ typedef struct {
    * num_sensitivities values: one for all hotwords, or one per hotword. */
   const float* sensitivities;
   size_t num_sensitivities;
-  /* NULL (default): hotwords have no names (kestrel_detection.name is "").
+  /* NULL (default): each hotword is named by its model: the name the file
+   * stores, else the file's name as words ("hey-computer.kmodel": "hey
+   * computer"); models from memory without a stored name give "".
    * Otherwise num_names strings, one per hotword. */
   const char* const* names;
   size_t num_names;

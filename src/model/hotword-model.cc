@@ -20,6 +20,20 @@ constexpr int kMaxNetworkOutputs = 1 << 16;
 
 const float kDefaultSearchFloor = 0.05f;
 
+const char kNamesToken[] = "<HotwordNames>";
+const char kNamesEndToken[] = "</HotwordNames>";
+
+// A name as one token: spaces become '_', which names never hold.
+std::string NameToken(std::string name) {
+  std::replace(name.begin(), name.end(), ' ', '_');
+  return name;
+}
+
+std::string NameFromToken(std::string token) {
+  std::replace(token.begin(), token.end(), '_', ' ');
+  return token;
+}
+
 // Truncates toward zero like a cast, saturating where a cast is undefined.
 int32 TruncateToInt32(float x) {
   if (x >= 2147483648.0f) return std::numeric_limits<int32>::max();
@@ -187,11 +201,82 @@ void HotwordModel::ReadBody(bool binary, std::istream* is, const std::string& re
   ExpectToken(binary, "</KwInfo>", is);
   nnet.Read(binary, is);
   CheckNetwork(reporter);
+  ReadNames(binary, is, reporter);
+}
+
+void HotwordModel::ReadNames(bool binary, std::istream* is, const std::string& reporter) {
+  // Whatever else follows the network has always been ignored, and still is.
+  if (PeekToken(binary, is) != 'H') return;
+  const std::string where = reporter + ": model file \"" + name + "\": ";
+  std::string token;
+  ReadToken(binary, &token, is);
+  if (token != kNamesToken) {
+    KESTREL_ERR(kLogFile) << where << "expected " << kNamesToken << " after the network, got \""
+                          << token.substr(0, 40) << "\".";
+  }
+  int32 count = -1;
+  try {
+    ReadBasicType(binary, &count, is);
+  } catch (const KestrelError&) {
+    count = -1;
+  }
+  if (count != static_cast<int32>(hotwords.size())) {
+    KESTREL_ERR(kLogFile) << where << kNamesToken << " must give one name for each of the "
+                          << hotwords.size() << " hotwords, not a count of "
+                          << (count < 0 ? std::string("(unreadable)") : std::to_string(count))
+                          << ".";
+  }
+  for (HotwordRecord& record : hotwords) {
+    ReadToken(binary, &token, is);
+    record.name = NameFromToken(token);
+  }
+  ReadToken(binary, &token, is);
+  if (token != kNamesEndToken) {
+    KESTREL_ERR(kLogFile) << where << kNamesToken << " of " << count << " names ends with \""
+                          << token.substr(0, 40) << "\" instead of " << kNamesEndToken << ".";
+  }
+  CheckNames(reporter);
+}
+
+void HotwordModel::WriteNames(bool binary, std::ostream* os) const {
+  if (hotwords.empty() || hotwords[0].name.empty()) return;
+  WriteToken(binary, kNamesToken, os);
+  WriteBasicType(binary, static_cast<int32>(hotwords.size()), os);
+  for (const HotwordRecord& record : hotwords) WriteToken(binary, NameToken(record.name), os);
+  WriteToken(binary, kNamesEndToken, os);
+  if (!binary) *os << "\n";
+}
+
+bool HotwordModel::IsStorableHotwordName(const std::string& name) {
+  if (name.empty() || name.front() == ' ' || name.back() == ' ') return false;
+  for (unsigned char c : name) {
+    if (c < 0x20 || c == 0x7f || c == '_') return false;
+  }
+  return true;
+}
+
+void HotwordModel::CheckNames(const std::string& reporter) const {
+  const bool named = !hotwords.empty() && !hotwords[0].name.empty();
+  for (size_t k = 0; k < hotwords.size(); ++k) {
+    const std::string& hotword_name = hotwords[k].name;
+    const std::string where =
+        reporter + ": model file \"" + name + "\", hotword " + std::to_string(k + 1) + ": ";
+    if (named && !IsStorableHotwordName(hotword_name)) {
+      KESTREL_ERR(kLogFile) << where << "name \"" << hotword_name.substr(0, 40) << "\" cannot "
+                            << "be stored; a name is not empty, has no control characters, no "
+                            << "'_' and no space at either end.";
+    }
+    if (!named && !hotword_name.empty()) {
+      KESTREL_ERR(kLogFile) << where << "named \"" << hotword_name.substr(0, 40) << "\" while "
+                            << "hotword 1 has no name; name every hotword or none.";
+    }
+  }
 }
 
 void HotwordModel::Check(const std::string& reporter) const {
   for (size_t k = 0; k < hotwords.size(); ++k) CheckHotword(k, reporter);
   CheckNetwork(reporter);
+  CheckNames(reporter);
 }
 
 void HotwordModel::CheckHotword(size_t k, const std::string& reporter) const {
@@ -246,11 +331,13 @@ void HotwordModel::CheckNetwork(const std::string& reporter) const {
 }
 
 void HotwordModel::Write(std::ostream& os, bool binary) const {
+  CheckNames("HotwordModel");
   if (binary) os.write("\0B", 2);
   WriteBody(binary, &os);
 }
 
 void HotwordModel::WriteFile(const std::string& path, bool binary) const {
+  CheckNames("HotwordModel");
   Output output(path, binary);
   WriteBody(binary, output.Stream());
   output.Close();
@@ -270,6 +357,7 @@ void HotwordModel::WriteBody(bool binary, std::ostream* os) const {
   WriteToken(binary, "</KwInfo>", os);
   if (!binary) *os << "\n";
   nnet.Write(binary, os);
+  WriteNames(binary, os);
 }
 
 }  // namespace kestrel

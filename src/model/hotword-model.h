@@ -15,7 +15,11 @@
 //              [<SearchMax> bool] [<NumPieces> int]
 //              [<DurationPass> int <FloorPass> int]
 //   </KwInfo> network
+//   [<HotwordNames> n name ... </HotwordNames>]   (names, one per hotword)
 // Optional groups are told apart by the first letter of their first token.
+// The names block follows the network, so readers that stop after the
+// network load such files unchanged; a name is written as one token, its
+// spaces as '_' (names therefore hold no '_').
 // Reading fills what a file leaves out (see HotwordRecord) and refuses what
 // would make the detector read outside its buffers (see Check); writing
 // always writes every group, so a written file reads back to the same value.
@@ -79,6 +83,9 @@ struct HotwordRecord {
   int32 num_pieces = 1;
   int32 duration_pass = 0;
   int32 floor_pass = 0;
+  // What people say to wake it ("hey computer"); empty when the file names
+  // no hotwords. A model names all its hotwords or none.
+  std::string name;
 };
 
 class HotwordModel {
@@ -123,6 +130,10 @@ class HotwordModel {
   // (truncated), num_units + 1 entries.
   static std::vector<int32> EvenSearchMask(size_t num_units, int32 slide_window);
 
+  // Whether a model file can hold `name`: not empty, no control characters,
+  // no '_', no space at either end.
+  static bool IsStorableHotwordName(const std::string& name);
+
  private:
   // The part of the file after the binary marker.
   void ReadBody(bool binary, std::istream* is, const std::string& reporter);
@@ -130,6 +141,10 @@ class HotwordModel {
   // The checks of one hotword (k from 0), and of the network and units.
   void CheckHotword(size_t k, const std::string& reporter) const;
   void CheckNetwork(const std::string& reporter) const;
+  void CheckNames(const std::string& reporter) const;
+  // The optional block after the network.
+  void ReadNames(bool binary, std::istream* is, const std::string& reporter);
+  void WriteNames(bool binary, std::ostream* os) const;
 };
 
 }  // namespace kestrel

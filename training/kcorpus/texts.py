@@ -115,16 +115,18 @@ def differing(each, target):
     return out
 
 
-def load_lexicon(keep):
+def load_lexicon(keep, raw=False):
     """-> {word: sounds} from the CMU lexicon, first pronunciation of each
-    word of `keep` (a set of lower-case words)."""
+    word of `keep` (a set of lower-case words); `raw`: every phone as the
+    lexicon writes it, stress marks dropped (for counting syllables)."""
+    shape = (lambda ps: [re.sub(r"[0-9]", "", p.upper()) for p in ps]) if raw else sounds
     lex = {}
     with open(LEXICON_FILE, encoding="latin-1") as f:
         for line in f:
             m = re.match(r'\("([a-z]+)" \S+ (.*)\)\s*$', line)
             if not m or m.group(1) not in keep or m.group(1) in lex:
                 continue
-            lex[m.group(1)] = sounds(re.findall(r"[a-z]+[0-9]?", m.group(2)))
+            lex[m.group(1)] = shape(re.findall(r"[a-z]+[0-9]?", m.group(2)))
     return lex
 
 
@@ -163,8 +165,9 @@ class Phonetics:
         return self.times_said(text) > 0
 
 
-def espeak_sounds(words):
-    """-> {word: sounds} from eSpeak NG's own letter-to-sound rules."""
+def espeak_sounds(words, raw=False):
+    """-> {word: sounds} from eSpeak NG's own letter-to-sound rules; `raw`
+    as in load_lexicon."""
     from . import tts
     out = subprocess.run(["espeak-ng", "-q", "-x", "-v", "en-us"], input="\n".join(
         w + "." for w in words), capture_output=True, text=True, check=True).stdout
@@ -179,7 +182,7 @@ def espeak_sounds(words):
             if sym:
                 syms.append(tts.ESPEAK_TO_ARPA[sym])
             line = line[len(sym or " "):]
-        res[w] = sounds(syms)
+        res[w] = syms if raw else sounds(syms)
     return res
 
 

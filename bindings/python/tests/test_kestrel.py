@@ -57,7 +57,7 @@ def test_sensitivity_options_and_setters(samples):
         deaf.set_sensitivity(1, 0.6)
         assert deaf.get_sensitivity(1) == pytest.approx(0.6)
         assert len(stream(deaf, samples, 1600)) == 1
-        assert deaf.names == [""]
+        assert deaf.names == ["hey kestrel"]  # after the model file
     with pytest.raises(kestrel.KestrelError, match="closed"):
         deaf.process(samples)
 

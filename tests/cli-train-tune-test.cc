@@ -1,0 +1,258 @@
+// `kestrel train --phrase` and `kestrel tune` end to end. Training runs
+// with stand-in training scripts (KESTREL_TRAINING_DIR) that hand out a
+// small corpus of whistles, so its stages, stamps and errors are tested
+// without speech synthesis; tune runs the bundled model on its sample.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "test-audio.h"
+#include "test-run-command.h"
+#include "test-tone-hotword.h"
+
+namespace kestrel {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string Quoted(const std::string& path) { return "'" + path + "'"; }
+
+size_t Count(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+// A scripts directory whose make-corpus.py copies a corpus of whistles
+// (positives say "AA IY": the two tones) and logs its calls; it refuses
+// "hey bob", and dies half-way while a file "fail" exists.
+class FakeScripts {
+ public:
+  FakeScripts() : dir_(TempPath("fake-training")) {
+    fs::remove_all(dir_);
+    fs::create_directories(dir_ + "/template/train");
+    fs::create_directories(dir_ + "/template/dev");
+    WriteSplit("train", 16);
+    WriteSplit("dev", 8);
+    WriteScript("install-deps.sh", "#!/bin/sh\nexit 0\n");
+    WriteScript("make-corpus.py",
+                "#!/bin/sh\n"
+                "dir=$(dirname \"$0\")\n"
+                "echo \"$*\" >> \"$dir/calls\"\n"
+                "case \"$*\" in *--check-phrase*)\n"
+                "  case \"$*\" in *'hey bob'*) echo 'error: too short'; exit 2;; esac\n"
+                "  echo 'phrase: fine'; exit 0;; esac\n"
+                "out=''; prev=''\n"
+                "for a in \"$@\"; do [ \"$prev\" = --out ] && out=$a; prev=$a; done\n"
+                "mkdir -p \"$out\"\n"
+                "cp -r \"$dir/template/train\" \"$dir/template/dev\" \"$dir/template/train.jsonl\" "
+                "\"$out/\"\n"
+                "echo 'progress 1 2'\n"
+                "if [ -e \"$dir/fail\" ]; then echo 'synthesis died' >&2; exit 1; fi\n"
+                "cp \"$dir/template/dev.jsonl\" \"$out/\"\n"
+                "echo 'progress 2 2'\n");
+  }
+  ~FakeScripts() { fs::remove_all(dir_); }
+
+  CommandResult Train(const std::string& args) const {
+    return RunKestrel("train " + args, "/dev/null", "KESTREL_TRAINING_DIR=" + Quoted(dir_) + " ");
+  }
+  // How often the corpus was synthesized.
+  size_t CorpusRuns() const { return Count(ReadFileBytes(dir_ + "/calls"), "--out"); }
+  void SetFailing(bool fail) const {
+    if (fail) {
+      WriteBytes(dir_ + "/fail", "");
+    } else {
+      fs::remove(dir_ + "/fail");
+    }
+  }
+
+ private:
+  void WriteScript(const std::string& name, const std::string& body) const {
+    WriteBytes(dir_ + "/" + name, body);
+    fs::permissions(dir_ + "/" + name, fs::perms::owner_all);
+  }
+  void WriteSplit(const std::string& split, int n) const {
+    std::ofstream manifest(dir_ + "/template/" + split + ".jsonl");
+    for (int i = 0; i < n; ++i) {
+      const std::string positive = split + "/p" + std::to_string(i) + ".wav";
+      WriteWave(dir_ + "/template/" + positive, WhistleAudio(2.0, {0.5 + 0.05 * i}));
+      const double a = 0.5 + 0.05 * i, b = a + kWhistleToneSeconds, c = b + kWhistleToneSeconds;
+      manifest << "{\"wav\": \"" << positive << "\", \"kind\": \"positive\", \"duration\": 2, "
+               << "\"text\": \"hey whistle\", \"hotword\": [" << a << ", " << c << "], "
+               << "\"phonemes_arpa\": [[\"AA\", " << a << ", " << b << "], [\"IY\", " << b
+               << ", " << c << "]]}\n";
+      const std::string negative = split + "/n" + std::to_string(i) + ".wav";
+      WriteWave(dir_ + "/template/" + negative, Noise(32000, 800, i + 1));
+      manifest << "{\"wav\": \"" << negative << "\", \"kind\": \"negative\", \"duration\": 2}\n";
+    }
+  }
+
+  std::string dir_;
+};
+
+TEST(TrainPhraseTest, StagesResumeAfterTheLastFinishedOneAndRedoWhatWasCutShort) {
+  const FakeScripts scripts;
+  const std::string model = TempPath("hey-whistle.kmodel"), work = TempPath("whistle-work");
+  fs::remove_all(work);
+  fs::remove(model);
+  const std::string args = "--phrase 'Hey  Whistle' --out " + Quoted(model) + " --work " +
+                           Quoted(work) + " --epochs 2 --hidden-dim 16 --hidden-layers 1 " +
+                           "--units 2 --left-context 4 --right-context 2";
+
+  // The synthesis dies half-way: nothing of it counts as done.
+  scripts.SetFailing(true);
+  CommandResult run = scripts.Train(args);
+  EXPECT_EQ(1, run.status);
+  EXPECT_NE(std::string::npos, run.err.find("the corpus synthesis failed")) << run.err;
+  EXPECT_FALSE(fs::exists(work + "/corpus.done"));
+  EXPECT_FALSE(fs::exists(model));
+
+  scripts.SetFailing(false);
+  run = scripts.Train(args);
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_EQ(2u, scripts.CorpusRuns());
+  EXPECT_NE(std::string::npos, run.out.find("dev at that sensitivity: FRR ")) << run.out;
+  EXPECT_NE(std::string::npos, run.out.find("time: setup ")) << run.out;
+  EXPECT_NE(std::string::npos, run.err.find("corpus [####################] 100%")) << run.err;
+  // The phrase, as typed but tidied, is the hotword's name.
+  EXPECT_NE(std::string::npos, RunKestrel("info " + Quoted(model)).out.find(
+                                   "hotword 1 \"hey whistle\": units [1 2]"));
+
+  // Run again: every stage is taken as done, nothing is synthesized.
+  run = scripts.Train(args);
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_EQ(2u, scripts.CorpusRuns());
+  EXPECT_EQ(4u, Count(run.err, "done in an earlier run")) << run.err;
+
+  // Training cut short after writing a bad network: it is redone, and the
+  // tuning after it; the corpus and features are not.
+  fs::remove(work + "/training.done");
+  WriteBytes(work + "/network.nnet", "half a network");
+  run = scripts.Train(args);
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_EQ(2u, scripts.CorpusRuns());
+  EXPECT_EQ(2u, Count(run.err, "done in an earlier run")) << run.err;
+  EXPECT_EQ(0, RunKestrel("info " + Quoted(model)).status);
+
+  // Other training settings redo training and tuning only.
+  run = scripts.Train(args + " --epochs 3");
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_EQ(2u, scripts.CorpusRuns());
+  EXPECT_NE(std::string::npos, run.err.find("features: done in an earlier run"));
+  EXPECT_EQ(std::string::npos, run.err.find("training: done in an earlier run"));
+
+  // From a corpus, the phrase its positives say names the hotword.
+  run = RunKestrel("train --corpus " + Quoted(work + "/corpus") + " --cache-dir " +
+                   Quoted(work + "/features") + " --out " + Quoted(model) +
+                   " --epochs 1 --hidden-dim 16 --hidden-layers 1 --units 2");
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_NE(std::string::npos, RunKestrel("info " + Quoted(model)).out.find(
+                                   "hotword 1 \"hey whistle\""));
+  fs::remove_all(work);
+  fs::remove(model);
+}
+
+TEST(TrainPhraseTest, RefusedPhrasesAndMissingScriptsSayWhy) {
+  const FakeScripts scripts;
+  const std::string model = TempPath("bob.kmodel");
+  CommandResult run = scripts.Train("--phrase 'hey bob' --out " + Quoted(model));
+  EXPECT_EQ(1, run.status);
+  EXPECT_NE(std::string::npos, run.err.find("error: too short")) << run.err;
+  EXPECT_NE(std::string::npos, run.err.find("\"hey bob\" is refused as a wake word")) << run.err;
+  EXPECT_EQ(0u, scripts.CorpusRuns());
+
+  run = RunKestrel("train --phrase 'hey computer' --out " + Quoted(model), "/dev/null",
+                   "KESTREL_TRAINING_DIR=/nonexistent ");
+  EXPECT_EQ(1, run.status);
+  EXPECT_NE(std::string::npos, run.err.find("/nonexistent/make-corpus.py is not there; set "
+                                            "KESTREL_TRAINING_DIR"))
+      << run.err;
+  EXPECT_EQ(2, RunKestrel("train --out " + Quoted(model)).status);
+  EXPECT_EQ(2, RunKestrel("train --phrase x --corpus y --out " + Quoted(model)).status);
+}
+
+class TuneCommandTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    fs::remove_all(dir_);
+    fs::create_directories(dir_ + "/positives");
+    fs::create_directories(dir_ + "/negatives");
+    fs::copy(std::string(KESTREL_SOURCE_DIR) + "/samples/hey-kestrel.wav", dir_ + "/positives");
+    WriteWave(dir_ + "/negatives/whistles.wav", WhistleAudio(60.0, {5.0, 20.0, 40.0}));
+    WriteWave(dir_ + "/noise.wav", Noise(16000 * 120, 1500, 7));
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  const std::string dir_ = TempPath("tune");
+};
+
+TEST_F(TuneCommandTest, SweepsFindsTheSampleAndWritesOnlyTheSensitivity) {
+  // The bundled model in text form, given a stored name, which a
+  // conversion keeps.
+  const std::string model = dir_ + "/m.kmodel", named = dir_ + "/named.kmodel";
+  ASSERT_EQ(0, RunKestrel("convert --text " + Quoted(std::string(KESTREL_SOURCE_DIR) +
+                                                     "/models/hey-kestrel.kmodel") +
+                          " " + Quoted(named)).status);
+  WriteBytes(named, ReadFileBytes(named) + "<HotwordNames> 1 hey_kestrel </HotwordNames>");
+  ASSERT_EQ(0, RunKestrel("convert --binary " + Quoted(named) + " " + Quoted(model)).status);
+  ASSERT_EQ(0, RunKestrel("convert --text " + Quoted(model) + " " + Quoted(model)).status);
+  const std::string before = ReadFileBytes(model);
+  EXPECT_NE(std::string::npos, before.find("<HotwordNames> 1 hey_kestrel </HotwordNames>"));
+
+  CommandResult run = RunKestrel("tune --model " + Quoted(model) + " --positives " +
+                                 Quoted(dir_ + "/positives") + " --negatives " +
+                                 Quoted(dir_ + "/negatives," + dir_ + "/noise.wav") + " --step 0.1");
+  ASSERT_EQ(0, run.status) << run.err;
+  const std::vector<std::string> lines = run.OutLines();
+  ASSERT_EQ(12u, lines.size()) << run.out;
+  EXPECT_EQ("sensitivity  misses  false alarms  per hour", lines[0]);
+  // Least sensitive first: it misses the sample; the most sensitive does not.
+  EXPECT_NE(std::string::npos, lines[1].find(" 1/1 ")) << lines[1];
+  EXPECT_NE(std::string::npos, lines[9].find(" 0/1 ")) << lines[9];
+  EXPECT_EQ("on 1 recordings of the phrase and 0.050 h of background audio", lines[10]);
+  // Nothing fires on the background up to 0.9, but minutes of it cannot
+  // vouch for more than the model's own sensitivity (0.528).
+  EXPECT_EQ("recommended sensitivity: 0.50 (sensitivities 0.2 to 0.9 miss the fewest recordings "
+            "(0) with false alarms within 1 per hour; the most sensitive of them at or below the "
+            "model's own 0.528)",
+            lines[11]);
+  EXPECT_EQ(before, ReadFileBytes(model));
+
+  run = RunKestrel("tune --write --model " + Quoted(model) + " --positives " +
+                   Quoted(dir_ + "/positives/hey-kestrel.wav") + " --negatives " +
+                   Quoted(dir_ + "/noise.wav") + " --step 0.1");
+  ASSERT_EQ(0, run.status) << run.err;
+  const std::string recommended = run.OutLines()[11].substr(25, 3);
+  // Only the sensitivity changes; the text form and the name are kept.
+  std::string expected = before;
+  const size_t at = expected.find("<Sensitivity> ") + 14;
+  expected.replace(at, expected.find(' ', at) - at, recommended);
+  EXPECT_EQ(expected, ReadFileBytes(model));
+}
+
+TEST_F(TuneCommandTest, UnreadableOrEmptyInputsAreNamed) {
+  const std::string model = std::string(KESTREL_SOURCE_DIR) + "/models/hey-kestrel.kmodel";
+  const std::string tune = "tune --model " + Quoted(model) + " ";
+  fs::create_directories(dir_ + "/empty");
+  CommandResult run = RunKestrel(tune + "--positives " + Quoted(dir_ + "/empty") +
+                                 " --negatives " + Quoted(dir_ + "/noise.wav"));
+  EXPECT_EQ(1, run.status);
+  EXPECT_NE(std::string::npos, run.err.find(dir_ + "/empty: the directory has no .wav files"));
+  WriteBytes(dir_ + "/silent.wav", WaveBytes(""));
+  run = RunKestrel(tune + "--positives " + Quoted(dir_ + "/positives") + " --negatives " +
+                   Quoted(dir_ + "/silent.wav"));
+  EXPECT_EQ(1, run.status);
+  EXPECT_NE(std::string::npos, run.err.find(dir_ + "/silent.wav: the file has no audio"));
+  run = RunKestrel(tune + "--positives " + Quoted(dir_ + "/absent.wav") + " --negatives " +
+                   Quoted(dir_ + "/noise.wav"));
+  EXPECT_EQ(1, run.status);
+  EXPECT_NE(std::string::npos, run.err.find(dir_ + "/absent.wav")) << run.err;
+  EXPECT_EQ(2, RunKestrel(tune + "--positives " + Quoted(dir_ + "/positives")).status);
+}
+
+}  // namespace
+}  // namespace kestrel

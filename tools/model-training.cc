@@ -1,0 +1,118 @@
+#include "model-training.h"
+
+#include <filesystem>
+#include <map>
+#include <sstream>
+
+#include "posterior-scan.h"
+#include "training-frames.h"
+#include "utils/kestrel-log.h"
+#include "utils/kestrel-utils.h"
+
+namespace kestrel {
+
+namespace {
+
+std::vector<std::vector<int>> LabelsOf(const CorpusSplit& split, const HotwordUnits& units) {
+  std::vector<std::vector<int>> labels;
+  for (size_t c = 0; c < split.clips.size(); ++c) {
+    labels.push_back(FrameLabels(split.clips[c], units, split.features.NumFrames(static_cast<int>(c))));
+  }
+  return labels;
+}
+
+}  // namespace
+
+std::string CorpusPhrase(const std::vector<CorpusClip>& clips) {
+  std::map<std::string, int> counts;
+  int positives = 0;
+  for (const CorpusClip& clip : clips) {
+    if (clip.kind != ClipKind::kPositive) continue;
+    ++positives;
+    ++counts[clip.text];
+  }
+  std::string phrase;
+  int best = 0;
+  for (const auto& [text, count] : counts) {
+    if (count > best) {
+      best = count;
+      phrase = text;
+    }
+  }
+  return 10 * best >= positives && HotwordModel::IsStorableHotwordName(phrase) ? phrase : "";
+}
+
+CorpusSplit LoadSplit(const TrainConfig& config, const std::string& split,
+                      const ProgressFunction& progress) {
+  const std::string cache = config.cache_dir.empty() ? config.corpus : config.cache_dir;
+  return LoadCorpusSplit(config.corpus, split, cache, config.threads, progress);
+}
+
+Nnet TrainNetwork(const TrainConfig& config, const CorpusSplit& train, const CorpusSplit& dev,
+                  const HotwordUnits& units, const ProgressFunction& progress) {
+  HotwordTrainerOptions options = config.trainer;
+  Splice splice = MakeSplice(train.features.Dim(), options);
+  TrainingFrames train_frames(&train.features, LabelsOf(train, units), splice);
+  TrainingFrames dev_frames(&dev.features, LabelsOf(dev, units), splice);
+  progress("frames: " + std::to_string(train_frames.UnitFrames().size()) + " hotword, " +
+           std::to_string(train_frames.FillerFrames().size()) + " filler");
+  options.learning_rate = ConvertStringToIntegerOrFloat<float>(config.learning_rate);
+  options.filler_fraction = ConvertStringToIntegerOrFloat<double>(config.filler_fraction);
+  return TrainHotwordNetwork(train_frames, &dev_frames, options, progress);
+}
+
+TunedSearch TuneSearch(const TrainConfig& config, const Nnet& nnet, const CorpusSplit& dev,
+                       const HotwordUnits& units, const ProgressFunction& progress) {
+  if (dev.NumPositives() == 0) {
+    KESTREL_ERR("train") << config.dev_split << ": the split has no positive clips";
+  }
+  SearchTuningOptions tuning;
+  tuning.detector = config.detector;
+  tuning.num_threads = config.threads;
+  tuning.max_false_alarms_per_hour = ConvertStringToIntegerOrFloat<double>(config.max_fa);
+  tuning.max_near_phrase_accept_rate = ConvertStringToIntegerOrFloat<double>(config.max_near);
+  SplitStringToIntegers<int32>(config.methods, ",", &tuning.methods);
+  if (tuning.methods.empty()) KESTREL_ERR("train") << "--methods names no search method";
+  FeatureSet dev_posteriors = ComputePosteriors(nnet, dev.features, config.threads);
+  std::vector<TunedSearch> tuned =
+      TuneSearchMethods(dev.clips, dev_posteriors, units.unit_seconds, tuning, progress);
+  return tuned[BestTunedSearch(tuned)];
+}
+
+void WriteTrainedModel(const TrainConfig& config, const TunedSearch& best, const Nnet& nnet,
+                       const std::string& name) {
+  HotwordModel model = best.settings;
+  model.nnet = nnet;
+  model.name = config.out;
+  model.hotwords[0].name = name;
+  model.Check("train");
+  const std::string temporary = config.out + ".partial";
+  model.WriteFile(temporary, !config.text);
+  std::error_code error;
+  std::filesystem::rename(temporary, config.out, error);
+  if (error) {
+    std::filesystem::remove(temporary, error);
+    KESTREL_ERR("train") << config.out << ": cannot write the model.";
+  }
+}
+
+std::string TrainedModelReport(const TrainConfig& config, const TunedSearch& best,
+                               const HotwordUnits& units, const std::string& name) {
+  const HotwordRecord& hw = best.settings.hotwords[0];
+  std::ostringstream report;
+  report.setf(std::ios::fixed);
+  report.precision(3);
+  report << "model: " << config.out << " (" << std::filesystem::file_size(config.out)
+         << " bytes)" << (name.empty() ? "" : ", hotword \"" + name + "\"") << "\n"
+         << "units: " << units.Describe() << "\n"
+         << "search: " << SearchMethodLabel(hw.search_method) << ", smooth window "
+         << best.settings.smooth_window << ", slide window " << best.settings.slide_window
+         << ", floors " << SearchFloorsLabel(hw) << ", sensitivity " << hw.sensitivity << "\n"
+         << config.dev_split << " at that sensitivity: FRR " << 100.0 * best.point.FalseRejectionRate()
+         << "%, " << best.point.false_alarms << " false alarms in " << best.point.hours
+         << " h (" << best.point.FalseAlarmsPerHour() << " per hour), near phrases accepted "
+         << best.point.confusables_accepted << "/" << best.point.confusables << "\n";
+  return report.str();
+}
+
+}  // namespace kestrel
