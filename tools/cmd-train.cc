@@ -74,6 +74,8 @@ int RunTrain(int argc, char** argv) {
   int32 seed = static_cast<int32>(t.seed);
   // 0 until given: then the trainer's default, or fewer with --quick.
   int32 epochs = 0;
+  // 0 until given: then the trainer's default, or narrower with --phrase.
+  int32 hidden_dim = 0;
   ArgParser parser(
       "kestrel train --phrase=\"WORDS\" --out=MODEL.kmodel [--quick] [options]\n"
       "       kestrel train --corpus=DIR --out=MODEL.kmodel [options]",
@@ -110,7 +112,9 @@ int RunTrain(int argc, char** argv) {
   parser.AddInt("epochs", &epochs,
                 "passes over the hotword frames; 0: " + std::to_string(t.epochs) + ", " +
                     std::to_string(kQuickEpochs) + " with --quick");
-  parser.AddInt("hidden-dim", &t.hidden_dim, "width of the hidden layers");
+  parser.AddInt("hidden-dim", &hidden_dim,
+                "width of the hidden layers; 0: " + std::to_string(t.hidden_dim) + ", " +
+                    std::to_string(kPhraseHiddenDim) + " with --phrase");
   parser.AddInt("hidden-layers", &t.hidden_layers, "number of hidden layers");
   parser.AddInt("left-context", &t.left_context, "past feature frames the network sees");
   parser.AddInt("right-context", &t.right_context,
@@ -141,10 +145,11 @@ int RunTrain(int argc, char** argv) {
   if (config.out.empty()) return UsageError("train", "--out is required");
   if (!positional.empty()) return UsageError("train", "unexpected argument \"" + positional[0] + "\"");
   t.epochs = epochs > 0 ? epochs : (phrase.quick ? kQuickEpochs : t.epochs);
-  if (config.threads < 1 || config.units < 1 || epochs < 0 || t.batch_size < 1 ||
-      t.hidden_dim < 1 || t.hidden_layers < 0 || t.left_context < 0 || t.right_context < 0) {
-    return UsageError("train", "--threads, --units, --batch-size and --hidden-dim must be "
-                               "at least 1, --epochs, --hidden-layers and the contexts at least 0");
+  t.hidden_dim = hidden_dim > 0 ? hidden_dim : (phrase.phrase.empty() ? t.hidden_dim : kPhraseHiddenDim);
+  if (config.threads < 1 || config.units < 1 || epochs < 0 || hidden_dim < 0 || t.batch_size < 1 ||
+      t.hidden_layers < 0 || t.left_context < 0 || t.right_context < 0) {
+    return UsageError("train", "--threads, --units and --batch-size must be at least 1, --epochs, "
+                               "--hidden-dim, --hidden-layers and the contexts at least 0");
   }
   if (!config.hotword_name.empty() && !HotwordModel::IsStorableHotwordName(config.hotword_name)) {
     return UsageError("train", "--hotword-name \"" + config.hotword_name +
