@@ -2,6 +2,7 @@
 // units apart, and the model it goes into must load in the detector.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 
 #include "feature-set.h"
@@ -13,17 +14,22 @@ namespace kestrel {
 namespace {
 
 // Clips of 60 frames of 4 noisy features; frames 20-29 are unit 1 and 30-39
-// unit 2, each with its own mean, and the rest filler around 0.
-void ToyCorpus(int clips, uint32 seed, FeatureSet* features, std::vector<std::vector<int>>* labels) {
+// unit 2, each with its own mean, and the rest filler around 0. With
+// `decoy_every`, every so many clips have filler frames 46-55 that look like
+// unit 1 in all features but the last.
+void ToyCorpus(int clips, uint32 seed, FeatureSet* features, std::vector<std::vector<int>>* labels,
+               int decoy_every = 0) {
   std::mt19937 rng(seed);
   std::normal_distribution<float> noise(0.0f, 0.5f);
-  const float means[3][4] = {{0, 0, 0, 0}, {2, 0, -1, 0}, {0, 2, 0, -1}};
+  const float means[4][4] = {{0, 0, 0, 0}, {2, 0, -1, 0}, {0, 2, 0, -1}, {2, 0, -1, 2}};
   for (int c = 0; c < clips; ++c) {
     Matrix m(60, 4);
     std::vector<int> l(60, 0);
     for (int t = 0; t < 60; ++t) {
       l[t] = (t >= 20 && t < 30) ? 1 : (t >= 30 && t < 40) ? 2 : 0;
-      for (int d = 0; d < 4; ++d) m(t, d) = means[l[t]][d] + noise(rng) + 5.0f;  // offset: normalisation must remove it
+      const bool decoy = decoy_every > 0 && c % decoy_every == 0 && t >= 46 && t < 56;
+      const float* mean = means[decoy ? 3 : l[t]];
+      for (int d = 0; d < 4; ++d) m(t, d) = mean[d] + noise(rng) + 5.0f;  // offset: normalisation must remove it
     }
     features->Append(m);
     labels->push_back(l);
@@ -55,7 +61,9 @@ TEST(HotwordTrainer, LearnsToSeparateUnitsFromFiller) {
   std::vector<std::string> lines;
   Nnet nnet = TrainHotwordNetwork(train, &dev, options,
                                   [&lines](const std::string& line) { lines.push_back(line); });
-  EXPECT_EQ(lines.size(), 8u);
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const std::string& l) { return l.rfind("epoch ", 0) == 0; }),
+            8);
   EXPECT_EQ(nnet.InputDim(), 4);
   EXPECT_EQ(nnet.OutputDim(), 3);
 
@@ -72,6 +80,54 @@ TEST(HotwordTrainer, LearnsToSeparateUnitsFromFiller) {
     }
   }
   EXPECT_GT(static_cast<double>(correct) / total, 0.95);
+}
+
+// Filler frames that look almost like unit 1 (every feature but the last)
+// are rare: uniformly drawn filler seldom shows them to the network, mining
+// shows them every epoch, so only a network trained with mining learns to
+// reject them.
+TEST(HotwordTrainer, MiningTeachesRareDecoysAreFiller) {
+  FeatureSet set;
+  std::vector<std::vector<int>> labels;
+  ToyCorpus(200, 3, &set, &labels, 20);
+  HotwordTrainerOptions options;
+  options.left_context = 0;
+  options.right_context = 0;
+  options.hidden_dim = 8;
+  options.hidden_layers = 1;
+  options.epochs = 6;
+  options.batch_size = 32;
+  options.learning_rate = 0.01f;
+  options.max_bin_shift = 0;
+  options.max_masked_bins = 0;
+  options.max_masked_frames = 0;
+  // A fifth of each epoch is filler, and mining scores all of it.
+  options.filler_fraction = 0.2;
+  options.mining_pool = 20;
+  TrainingFrames frames(&set, labels, MakeSplice(4, options));
+  // Decoys sit more than five frames from the units: clear filler.
+  EXPECT_EQ(frames.ClearFillerFrames(5).size(), 200u * 30);
+
+  auto decoy_posterior = [&](double hard_share, int* mining_lines) {
+    options.hard_filler_share = hard_share;
+    *mining_lines = 0;
+    Nnet nnet = TrainHotwordNetwork(frames, nullptr, options, [&](const std::string& line) {
+      *mining_lines += line.rfind("mining:", 0) == 0;
+    });
+    FeatureSet posteriors = ComputePosteriors(nnet, set, 1);
+    double sum = 0.0;
+    for (int c = 0; c < 200; c += 20) {
+      for (int t = 46; t < 56; ++t) sum += posteriors.Frame(c, t)[1];
+    }
+    return sum / 100.0;
+  };
+  int lines_without = 0, lines_with = 0;
+  const double without = decoy_posterior(0.0, &lines_without);
+  const double with = decoy_posterior(0.5, &lines_with);
+  EXPECT_EQ(lines_without, 0);
+  EXPECT_EQ(lines_with, 2);  // before epochs 3 and 6
+  EXPECT_GT(without, 0.5);
+  EXPECT_LT(with, without / 2);
 }
 
 TEST(TrainingFrames, EpochsBalanceFillerAgainstUnits) {

@@ -126,6 +126,10 @@ int RunTrain(int argc, char** argv) {
   parser.AddInt("max-masked-bins", &t.max_masked_bins, "augmentation: widest masked band of bins");
   parser.AddInt("max-masked-frames", &t.max_masked_frames,
                 "augmentation: longest run of context frames dropped to a quiet level");
+  parser.AddString("hard-filler-share", &config.hard_filler_share,
+                   "share of each epoch's filler mined as the hardest frames, in [0, 1]; 0: none");
+  parser.AddInt("mining-pool", &t.mining_pool,
+                "mining: frames scored per hard frame kept");
   parser.AddString("learning-rate", &config.learning_rate, "Adam step size");
   parser.AddInt("seed", &seed, "random seed (initial weights, sampling, and the corpus)");
   parser.AddString("methods", &config.methods, "search methods to choose from, comma-separated");
@@ -162,6 +166,15 @@ int RunTrain(int argc, char** argv) {
     if (!(filler > 0.0 && filler < 1.0)) {
       return UsageError("train", "--filler-fraction must be between 0 and 1, not " +
                                      config.filler_fraction);
+    }
+    const double hard = ConvertStringToIntegerOrFloat<double>(config.hard_filler_share);
+    if (!(hard >= 0.0 && hard <= 1.0)) {
+      return UsageError("train", "--hard-filler-share must be between 0 and 1, not " +
+                                     config.hard_filler_share);
+    }
+    if (t.mining_pool < 1) {
+      return UsageError("train", "--mining-pool must be at least 1, not " +
+                                     std::to_string(t.mining_pool));
     }
     if (!phrase.phrase.empty()) return TrainPhrase(phrase, config);
     return TrainFromCorpus(config);

@@ -58,6 +58,8 @@ Nnet TrainNetwork(const TrainConfig& config, const CorpusSplit& train, const Cor
            std::to_string(train_frames.FillerFrames().size()) + " filler");
   options.learning_rate = ConvertStringToIntegerOrFloat<float>(config.learning_rate);
   options.filler_fraction = ConvertStringToIntegerOrFloat<double>(config.filler_fraction);
+  options.hard_filler_share = ConvertStringToIntegerOrFloat<double>(config.hard_filler_share);
+  options.threads = config.threads;
   return TrainHotwordNetwork(train_frames, &dev_frames, options, progress);
 }
 

@@ -179,6 +179,7 @@ StageKeys PhraseRun::Keys() const {
   key << " | units=" << config_.units << " epochs=" << t.epochs << " hidden=" << t.hidden_dim
       << "x" << t.hidden_layers << " context=" << t.left_context << "," << t.right_context
       << " rate=" << config_.learning_rate << " filler=" << config_.filler_fraction
+      << " hard=" << config_.hard_filler_share << "," << t.mining_pool << "," << t.mining_interval
       << " batch=" << t.batch_size << " augment=" << t.max_bin_shift << ","
       << t.max_masked_bins << "," << t.max_masked_frames;
   keys.training = key.str();

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Measures the bundled model on the held-out test split (Festival voices and
-# eSpeak voices never used in training, 10 dB SNR, over two hours of
-# negative audio), compares the search methods, and writes the report and
+# eSpeak voices never used in training, 10 dB SNR, 2000 hotwords and ten
+# hours of continuous negative speech), compares the search methods, and writes the report and
 # the DET picture into docs/.
 #
 # Environment overrides: BUILD, CORPUS, JOBS, MODEL (as in

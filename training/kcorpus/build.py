@@ -75,8 +75,8 @@ STREAM_MIX = {"train": {"espeak-ng": 0.85, "flite": 0.15},
               "test": {"espeak-ng": 0.5, "festival": 0.5}}
 
 DEFAULTS = {
-    "positives": {"train": 10000, "dev": 600, "test": 1000},
-    "hours": {"train": 6.0, "dev": 2.0, "test": 2.0},
+    "positives": {"train": 10000, "dev": 2000, "test": 2000},
+    "hours": {"train": 6.0, "dev": 8.0, "test": 10.0},
     "confusable_ratio": 0.4, "negative_ratio": 0.25, "noise_ratio": 0.05,
     "stream_seconds": 600.0, "test_snr": 10.0,
 }

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 #include <memory>
+#include <numeric>
 #include <random>
 #include <sstream>
 
@@ -13,6 +14,7 @@
 #include "nnet/nnet-affine-transform.h"
 #include "nnet/nnet-rescale.h"
 #include "nnet-train.h"
+#include "parallel-ranges.h"
 
 namespace kestrel {
 namespace {
@@ -151,6 +153,57 @@ std::string DevScore(const NnetTrainer& trainer, const TrainingFrames& dev, cons
   return line.str();
 }
 
+// Filler frames this close to a unit or an untrained frame are not mined
+// (see TrainingFrames::ClearFillerFrames).
+constexpr int kMiningGuardFrames = 5;
+
+// The `count` frames of a random pool of `clear` filler frames that the
+// network finds most like a hotword unit (the largest 1 - P(filler)); the
+// pool holds `pool_factor` times as many. Their mean unit posterior goes to
+// `mean_score`.
+std::vector<FrameRef> MineHardFiller(const NnetTrainer& trainer, const TrainingFrames& train,
+                                     const std::vector<FrameRef>& clear, const Vector& shift,
+                                     const Vector& scale, size_t count,
+                                     const HotwordTrainerOptions& options, std::mt19937* rng,
+                                     double* mean_score) {
+  const size_t pool_size =
+      std::min(clear.size(), count * static_cast<size_t>(std::max(1, options.mining_pool)));
+  count = std::min(count, pool_size);
+  std::vector<FrameRef> pool = clear;
+  for (size_t i = 0; i < pool_size; ++i) {
+    std::uniform_int_distribution<size_t> pick(i, pool.size() - 1);
+    std::swap(pool[i], pool[pick(*rng)]);
+  }
+  pool.resize(pool_size);
+  constexpr size_t kBatch = 1024;
+  std::vector<float> score(pool_size);
+  const int num_batches = static_cast<int>((pool_size + kBatch - 1) / kBatch);
+  ParallelRanges(num_batches, options.threads, [&](int first, int end) {
+    Matrix rows, posteriors;
+    std::vector<int32> labels;
+    for (int b = first; b < end; ++b) {
+      const size_t begin = b * kBatch;
+      const size_t n = std::min(kBatch, pool_size - begin);
+      train.MakeBatch(pool, begin, n, &rows, &labels);
+      Normalise(shift, scale, &rows);
+      trainer.Forward(rows, &posteriors);
+      for (size_t i = 0; i < n; ++i) score[begin + i] = 1.0f - posteriors(static_cast<int>(i), 0);
+    }
+  });
+  std::vector<size_t> order(pool_size);
+  std::iota(order.begin(), order.end(), 0);
+  std::nth_element(order.begin(), order.begin() + count, order.end(),
+                   [&](size_t a, size_t b) { return score[a] > score[b]; });
+  std::vector<FrameRef> hard;
+  double sum = 0.0;
+  for (size_t i = 0; i < count; ++i) {
+    hard.push_back(pool[order[i]]);
+    sum += score[order[i]];
+  }
+  *mean_score = count > 0 ? sum / count : 0.0;
+  return hard;
+}
+
 }  // namespace
 
 Splice MakeSplice(int feature_dim, const HotwordTrainerOptions& options) {
@@ -173,6 +226,9 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
   std::vector<int32> labels;
   std::unique_ptr<NnetTrainer> trainer;
   float rate = -1.0f;
+  // Mining starts once the network tells speech from silence.
+  const int first_mining_epoch = std::max(2, options.epochs / 3 + 1);
+  std::vector<FrameRef> clear, hard;
   for (int epoch = 1; epoch <= options.epochs; ++epoch) {
     auto start = std::chrono::steady_clock::now();
     // Full step size, then a tenth of it for the last quarter of the epochs:
@@ -186,7 +242,28 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       trainer_options.adam.learning_rate = rate;
       trainer = std::make_unique<NnetTrainer>(&layers, trainer_options);
     }
-    std::vector<FrameRef> frames = train.EpochFrames(options.filler_fraction, &rng);
+    if (options.hard_filler_share > 0.0 && epoch >= first_mining_epoch &&
+        (epoch - first_mining_epoch) % std::max(1, options.mining_interval) == 0) {
+      auto mining_start = std::chrono::steady_clock::now();
+      if (clear.empty()) clear = train.ClearFillerFrames(kMiningGuardFrames);
+      const size_t count = static_cast<size_t>(
+          std::min(1.0, options.hard_filler_share) * train.EpochFillerCount(options.filler_fraction));
+      double mean_score = 0.0;
+      hard = MineHardFiller(*trainer, train, clear, shift, scale, count, options, &rng, &mean_score);
+      if (progress) {
+        std::ostringstream line;
+        line.setf(std::ios::fixed);
+        line.precision(3);
+        line << "mining: the " << hard.size() << " hardest of "
+             << std::min(clear.size(), count * static_cast<size_t>(std::max(1, options.mining_pool)))
+             << " filler frames, mean hotword posterior " << mean_score;
+        line.precision(0);
+        line << " (" << std::chrono::duration<double>(std::chrono::steady_clock::now() - mining_start).count()
+             << " s)";
+        progress(line.str());
+      }
+    }
+    std::vector<FrameRef> frames = train.EpochFrames(options.filler_fraction, &rng, hard);
     double loss = 0.0;
     size_t done = 0;
     for (size_t first = 0; first < frames.size(); first += options.batch_size) {

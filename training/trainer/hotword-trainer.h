@@ -45,6 +45,18 @@ struct HotwordTrainerOptions {
   // would make it (voices whose closures are longer than the training
   // voices' otherwise lose the units around them).
   int32 max_masked_frames = 6;
+  // Hard negative mining: from the first third of the epochs on, every
+  // `mining_interval` epochs, the network scores a random pool of clear
+  // filler frames (TrainingFrames::ClearFillerFrames) `mining_pool` times
+  // the size of the hard set, and this share of each epoch's filler is then
+  // the pool's frames it finds most like the hotword's units. Uniformly drawn
+  // filler is nearly all easy silence and speech; the false alarms and near
+  // phrases that limit the detector are a sliver of it.
+  double hard_filler_share = 0.5;
+  int32 mining_interval = 3;
+  int32 mining_pool = 10;
+  // Threads that score the mining pool (training itself runs on one).
+  int32 threads = 1;
   // Held-out frames scored after each epoch (unit and filler frames alike).
   int32 max_dev_frames = 200000;
   uint32 seed = 1;

@@ -1,10 +1,8 @@
 #include "posterior-scan.h"
 
-#include <exception>
-#include <mutex>
 #include <sstream>
-#include <thread>
 
+#include "parallel-ranges.h"
 #include "stream/stream-itf.h"
 #include "utils/kestrel-log.h"
 
@@ -75,30 +73,6 @@ Nnet IdentityNnet(int dim) {
   Nnet nnet;
   nnet.Read(false, &is);
   return nnet;
-}
-
-// Runs `work(first, end)` over contiguous ranges of [0, n) on up to
-// `num_threads` threads; rethrows the first error.
-template <class Work>
-void ParallelRanges(int n, int num_threads, const Work& work) {
-  num_threads = std::max(1, std::min(num_threads, n));
-  std::vector<std::thread> threads;
-  std::exception_ptr error;
-  std::mutex mutex;
-  for (int t = 0; t < num_threads; ++t) {
-    int first = static_cast<int>(static_cast<long>(n) * t / num_threads);
-    int end = static_cast<int>(static_cast<long>(n) * (t + 1) / num_threads);
-    threads.emplace_back([&, first, end]() {
-      try {
-        work(first, end);
-      } catch (...) {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (!error) error = std::current_exception();
-      }
-    });
-  }
-  for (std::thread& th : threads) th.join();
-  if (error) std::rethrow_exception(error);
 }
 
 }  // namespace

@@ -28,13 +28,21 @@ TrainingFrames::TrainingFrames(const FeatureSet* features, std::vector<std::vect
   }
 }
 
-std::vector<FrameRef> TrainingFrames::EpochFrames(double filler_fraction, std::mt19937* rng) const {
-  std::vector<FrameRef> frames = unit_frames_;
+size_t TrainingFrames::EpochFillerCount(double filler_fraction) const {
   size_t want = filler_frames_.size();
   if (filler_fraction < 1.0) {
     want = std::min(want, static_cast<size_t>(unit_frames_.size() * filler_fraction /
                                               std::max(1e-6, 1.0 - filler_fraction)));
   }
+  return want;
+}
+
+std::vector<FrameRef> TrainingFrames::EpochFrames(double filler_fraction, std::mt19937* rng,
+                                                  const std::vector<FrameRef>& hard) const {
+  std::vector<FrameRef> frames = unit_frames_;
+  frames.insert(frames.end(), hard.begin(), hard.end());
+  const size_t total = EpochFillerCount(filler_fraction);
+  const size_t want = total - std::min(hard.size(), total);
   // Partial Fisher-Yates: a fresh random subset of the filler each epoch.
   std::vector<FrameRef> filler = filler_frames_;
   for (size_t i = 0; i < want; ++i) {
@@ -44,6 +52,19 @@ std::vector<FrameRef> TrainingFrames::EpochFrames(double filler_fraction, std::m
   }
   std::shuffle(frames.begin(), frames.end(), *rng);
   return frames;
+}
+
+std::vector<FrameRef> TrainingFrames::ClearFillerFrames(int guard) const {
+  std::vector<FrameRef> clear;
+  for (const FrameRef& f : filler_frames_) {
+    const std::vector<int>& clip = labels_[f.clip];
+    const int first = std::max(0, f.frame - guard);
+    const int last = std::min(static_cast<int>(clip.size()) - 1, f.frame + guard);
+    bool near_other = false;
+    for (int t = first; t <= last && !near_other; ++t) near_other = clip[t] != 0;
+    if (!near_other) clear.push_back(f);
+  }
+  return clear;
 }
 
 void TrainingFrames::MakeBatch(const std::vector<FrameRef>& frames, size_t first, size_t n,

@@ -40,10 +40,20 @@ class TrainingFrames {
   const std::vector<FrameRef>& FillerFrames() const { return filler_frames_; }
   int Label(const FrameRef& f) const { return labels_[f.clip][f.frame]; }
 
-  // One epoch: every unit frame plus filler frames drawn without
-  // replacement so that they make up `filler_fraction` of the epoch (all of
-  // them if there are too few), shuffled.
-  std::vector<FrameRef> EpochFrames(double filler_fraction, std::mt19937* rng) const;
+  // One epoch: every unit frame plus filler frames so that they make up
+  // `filler_fraction` of the epoch (all of them if there are too few),
+  // shuffled. The filler is `hard` (every frame of it, as often as it is
+  // listed), topped up with frames drawn without replacement from all filler.
+  std::vector<FrameRef> EpochFrames(double filler_fraction, std::mt19937* rng,
+                                    const std::vector<FrameRef>& hard = {}) const;
+  // The number of filler frames EpochFrames puts in an epoch.
+  size_t EpochFillerCount(double filler_fraction) const;
+
+  // Filler frames at least `guard` frames from every hotword or untrained
+  // frame of their clip. Frames at a unit's edge are filler by a few
+  // milliseconds of labelling only; mining them for hard negatives would
+  // push the network against its own units.
+  std::vector<FrameRef> ClearFillerFrames(int guard) const;
 
   // Rows first..first+n of `frames`, spliced, into `inputs` (n x InputDim())
   // and their labels into `labels`.
