@@ -43,12 +43,12 @@ TEST_F(ListenCommandTest, PrintsTheDetectionHeardOnTheDevice) {
   CommandResult result = Listen("--device=sample --seconds=8 --hotword-names='hey kestrel'");
   EXPECT_EQ(0, result.status) << result.err;
   ASSERT_EQ(1u, result.OutLines().size()) << result.out << result.err;
-  EXPECT_EQ("sample\t3.37\t1\they kestrel", result.out.substr(0, result.out.size() - 1));
+  EXPECT_EQ("sample\t3.38\t1\they kestrel", result.out.substr(0, result.out.size() - 1));
   EXPECT_NE(std::string::npos, result.err.find("listening to sample (16000 Hz, 1 channel, S16_LE)"));
 
   // Without names, the hotword is named after the model file.
   result = Listen("--device=sample --seconds=8 --json");
-  EXPECT_EQ(0u, result.out.find("{\"file\": \"sample\", \"time\": 3.37, \"sample\": 53920, "
+  EXPECT_EQ(0u, result.out.find("{\"file\": \"sample\", \"time\": 3.38, \"sample\": 54080, "
                                 "\"hotword\": 1, \"name\": \"hey kestrel\", \"score\": "))
       << result.out;
 }
@@ -60,7 +60,7 @@ TEST_F(ListenCommandTest, CtrlCStopsListeningAndKeepsWhatWasHeard) {
       "listen --model-str='" + model_ + "' --device=sample", "/dev/null",
       "HOME='" + home_ + "' timeout --preserve-status -s INT 3 ");
   EXPECT_EQ(0, result.status) << result.err;
-  EXPECT_EQ(0u, result.out.find("sample\t3.37\t1\they kestrel\n")) << result.out;
+  EXPECT_EQ(0u, result.out.find("sample\t3.38\t1\they kestrel\n")) << result.out;
   EXPECT_NE(std::string::npos, result.err.find("kestrel: interrupted; stopped listening\n"));
 }
 

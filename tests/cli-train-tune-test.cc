@@ -173,6 +173,12 @@ TEST(TrainPhraseTest, RefusedPhrasesAndMissingScriptsSayWhy) {
       << run.err;
   EXPECT_EQ(2, RunKestrel("train --out " + Quoted(model)).status);
   EXPECT_EQ(2, RunKestrel("train --phrase x --corpus y --out " + Quoted(model)).status);
+  run = RunKestrel("train --corpus y --out " + Quoted(model) + " --hard-filler-share 1.5");
+  EXPECT_EQ(2, run.status);
+  EXPECT_NE(std::string::npos, run.err.find("--hard-filler-share must be between 0 and 1, not 1.5"));
+  run = RunKestrel("train --corpus y --out " + Quoted(model) + " --mining-pool 0");
+  EXPECT_EQ(2, run.status);
+  EXPECT_NE(std::string::npos, run.err.find("--mining-pool must be at least 1, not 0"));
 }
 
 class TuneCommandTest : public testing::Test {
@@ -196,6 +202,12 @@ TEST_F(TuneCommandTest, SweepsFindsTheSampleAndWritesOnlyTheSensitivity) {
   ASSERT_EQ(0, RunKestrel("convert --text " + Quoted(std::string(KESTREL_SOURCE_DIR) +
                                                      "/models/hey-kestrel.kmodel") +
                           " " + Quoted(model)).status);
+  // At a sensitivity below the range that finds the sample, so that the
+  // recommendation must stop at it.
+  std::string text = ReadFileBytes(model);
+  const size_t value = text.find("<Sensitivity> ") + 14;
+  text.replace(value, text.find(' ', value) - value, "0.419");
+  WriteBytes(model, text);
   const std::string before = ReadFileBytes(model);
   EXPECT_NE(std::string::npos, before.find("<HotwordNames> 1 hey_kestrel </HotwordNames>"));
 
@@ -206,13 +218,14 @@ TEST_F(TuneCommandTest, SweepsFindsTheSampleAndWritesOnlyTheSensitivity) {
   const std::vector<std::string> lines = run.OutLines();
   ASSERT_EQ(12u, lines.size()) << run.out;
   EXPECT_EQ("sensitivity  misses  false alarms  per hour", lines[0]);
-  // Least sensitive first; the bundled model finds the sample at all of them.
-  EXPECT_NE(std::string::npos, lines[1].find("0.10     0/1 ")) << lines[1];
+  // Least sensitive first; the bundled model finds the sample from 0.2 on.
+  EXPECT_NE(std::string::npos, lines[1].find("0.10     1/1 ")) << lines[1];
+  EXPECT_NE(std::string::npos, lines[2].find("0.20     0/1 ")) << lines[2];
   EXPECT_NE(std::string::npos, lines[9].find("0.90     0/1 ")) << lines[9];
   EXPECT_EQ("on 1 recordings of the phrase and 0.050 h of background audio", lines[10]);
   // Nothing fires on the background up to 0.9, but minutes of it cannot
   // vouch for more than the model's own sensitivity (0.419).
-  EXPECT_EQ("recommended sensitivity: 0.40 (sensitivities 0.1 to 0.9 miss the fewest recordings "
+  EXPECT_EQ("recommended sensitivity: 0.40 (sensitivities 0.2 to 0.9 miss the fewest recordings "
             "(0) with false alarms within 1 per hour; the most sensitive of them at or below the "
             "model's own 0.419)",
             lines[11]);
