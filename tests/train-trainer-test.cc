@@ -36,21 +36,27 @@ void ToyCorpus(int clips, uint32 seed, FeatureSet* features, std::vector<std::ve
   }
 }
 
+// A small one-layer network that learns the toy corpus in a few epochs.
+HotwordTrainerOptions ToyOptions(int hidden_dim, int epochs) {
+  HotwordTrainerOptions options;
+  options.hidden_dim = hidden_dim;
+  options.hidden_layers = 1;
+  options.epochs = epochs;
+  options.batch_size = 32;
+  options.learning_rate = 0.01f;
+  options.max_bin_shift = 0;  // four toy features are no mel spectrum
+  options.max_masked_bins = 0;
+  return options;
+}
+
 TEST(HotwordTrainer, LearnsToSeparateUnitsFromFiller) {
   FeatureSet train_set, dev_set;
   std::vector<std::vector<int>> train_labels, dev_labels;
   ToyCorpus(40, 1, &train_set, &train_labels);
   ToyCorpus(10, 2, &dev_set, &dev_labels);
-  HotwordTrainerOptions options;
+  HotwordTrainerOptions options = ToyOptions(16, 8);
   options.left_context = 2;
   options.right_context = 1;
-  options.hidden_dim = 16;
-  options.hidden_layers = 1;
-  options.epochs = 8;
-  options.batch_size = 32;
-  options.learning_rate = 0.01f;
-  options.max_bin_shift = 0;  // four toy features are no mel spectrum
-  options.max_masked_bins = 0;
   options.max_masked_frames = 2;  // a quiet run inside the 4-frame window
   Splice splice = MakeSplice(4, options);
   TrainingFrames train(&train_set, train_labels, splice);
@@ -90,16 +96,9 @@ TEST(HotwordTrainer, MiningTeachesRareDecoysAreFiller) {
   FeatureSet set;
   std::vector<std::vector<int>> labels;
   ToyCorpus(200, 3, &set, &labels, 20);
-  HotwordTrainerOptions options;
+  HotwordTrainerOptions options = ToyOptions(8, 6);
   options.left_context = 0;
   options.right_context = 0;
-  options.hidden_dim = 8;
-  options.hidden_layers = 1;
-  options.epochs = 6;
-  options.batch_size = 32;
-  options.learning_rate = 0.01f;
-  options.max_bin_shift = 0;
-  options.max_masked_bins = 0;
   options.max_masked_frames = 0;
   // A fifth of each epoch is filler, and mining scores all of it.
   options.filler_fraction = 0.2;
