@@ -4,8 +4,8 @@
 # features, trains the network, chooses the search settings and sensitivity
 # on the held-out split, and writes models/hey-kestrel.kmodel.
 #
-# About 55 minutes on a 2-core machine (corpus about 30 min, features 1-8 min,
-# training 15-20 min, tuning 3 min, measured while other jobs shared the
+# About 40 minutes on a 2-core machine (the train and dev corpus under 4 min;
+# features, training and tuning 36 min measured while other jobs shared the
 # machine); the result is the same model byte for byte. Environment overrides:
 #   BUILD   build directory (default: build)
 #   CORPUS  corpus directory (default: training/corpus; reused if complete)
