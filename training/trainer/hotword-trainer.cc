@@ -157,28 +157,25 @@ std::string DevScore(const NnetTrainer& trainer, const TrainingFrames& dev, cons
 // (see TrainingFrames::ClearFillerFrames).
 constexpr int kMiningGuardFrames = 5;
 
-// The `count` frames of a random pool of `clear` filler frames that the
-// network finds most like a hotword unit (the largest 1 - P(filler)); the
-// pool holds `pool_factor` times as many. Their mean unit posterior goes to
-// `mean_score`.
+// The `count` frames of a random pool of `pool_size` frames of `clear`
+// filler that the network finds most like a hotword unit (the largest
+// 1 - P(filler)). Their mean unit posterior goes to `mean_score`.
 std::vector<FrameRef> MineHardFiller(const NnetTrainer& trainer, const TrainingFrames& train,
                                      const std::vector<FrameRef>& clear, const Vector& shift,
-                                     const Vector& scale, size_t count,
-                                     const HotwordTrainerOptions& options, std::mt19937* rng,
-                                     double* mean_score) {
-  const size_t pool_size =
-      std::min(clear.size(), count * static_cast<size_t>(std::max(1, options.mining_pool)));
+                                     const Vector& scale, size_t pool_size, size_t count,
+                                     int num_threads, std::mt19937* rng, double* mean_score) {
+  pool_size = std::min(pool_size, clear.size());
   count = std::min(count, pool_size);
+  // Partial Fisher-Yates over a fresh copy, so each pass draws from all of it.
   std::vector<FrameRef> pool = clear;
   for (size_t i = 0; i < pool_size; ++i) {
     std::uniform_int_distribution<size_t> pick(i, pool.size() - 1);
     std::swap(pool[i], pool[pick(*rng)]);
   }
-  pool.resize(pool_size);
   constexpr size_t kBatch = 1024;
   std::vector<float> score(pool_size);
   const int num_batches = static_cast<int>((pool_size + kBatch - 1) / kBatch);
-  ParallelRanges(num_batches, options.threads, [&](int first, int end) {
+  ParallelRanges(num_batches, num_threads, [&](int first, int end) {
     Matrix rows, posteriors;
     std::vector<int32> labels;
     for (int b = first; b < end; ++b) {
@@ -248,14 +245,17 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       if (clear.empty()) clear = train.ClearFillerFrames(kMiningGuardFrames);
       const size_t count = static_cast<size_t>(
           std::min(1.0, options.hard_filler_share) * train.EpochFillerCount(options.filler_fraction));
+      const size_t pool_size =
+          std::min(clear.size(), count * static_cast<size_t>(std::max(1, options.mining_pool)));
       double mean_score = 0.0;
-      hard = MineHardFiller(*trainer, train, clear, shift, scale, count, options, &rng, &mean_score);
+      hard = MineHardFiller(*trainer, train, clear, shift, scale, pool_size, count, options.threads,
+                            &rng, &mean_score);
       if (progress) {
         std::ostringstream line;
         line.setf(std::ios::fixed);
         line.precision(3);
         line << "mining: the " << hard.size() << " hardest of "
-             << std::min(clear.size(), count * static_cast<size_t>(std::max(1, options.mining_pool)))
+             << pool_size
              << " filler frames, mean hotword posterior " << mean_score;
         line.precision(0);
         line << " (" << std::chrono::duration<double>(std::chrono::steady_clock::now() - mining_start).count()
