@@ -61,7 +61,8 @@ class Listener {
   void BindTcp(const std::string& uri, const std::string& host_port);
   void BindUnix(const std::string& uri, const std::string& path);
   void Accept();
-  // Joins the threads of ended connections; returns how many are left.
+  // Joins the threads of ended connections and returns their memory to the
+  // system; returns how many connections are left.
   size_t Reap();
   // Sleeps until the wake pipe has news or `timeout_ms` passes (-1: no
   // limit), then empties it.

@@ -21,13 +21,15 @@ model=$work/hey-computer.kmodel
 "$kestrel" train --phrase "hey computer" --quick --seed 1 --out "$model" --work "$work/train"
 
 # say WAV TEXT: the ked voice at 16 kHz, a second of silence either side, and
-# pink noise about 15 dB below the speech.
+# pink noise about 15 dB below the speech. sox -R seeds its noise and dither
+# the same every run: a quick model misses some noisy takes of a clip, and a
+# failure here must reproduce.
 say() {
     printf '%s\n' "$2" | text2wave -eval '(voice_ked_diphone)' -o "$work/raw.wav"
-    sox "$work/raw.wav" -r 16000 -c 1 -b 16 "$work/clean.wav" pad 1 1 norm -3
-    sox -n -r 16000 -c 1 -b 16 "$work/noise.wav" synth "$(soxi -D "$work/clean.wav")" \
+    sox -R "$work/raw.wav" -r 16000 -c 1 -b 16 "$work/clean.wav" pad 1 1 norm -3
+    sox -R -n -r 16000 -c 1 -b 16 "$work/noise.wav" synth "$(soxi -D "$work/clean.wav")" \
         pinknoise vol 0.1
-    sox -m "$work/clean.wav" "$work/noise.wav" "$1"
+    sox -R -m "$work/clean.wav" "$work/noise.wav" "$1"
 }
 
 # detections WAV: how many times the model fires on it.
