@@ -4,8 +4,8 @@
 # features, trains the network, chooses the search settings and sensitivity
 # on the held-out split, and writes models/hey-kestrel.kmodel.
 #
-# About 42 minutes on a 2-core machine (the train and dev corpus under 4 min;
-# features, training and tuning 38 min measured while other jobs shared the
+# About 38 minutes on a 2-core machine (the train and dev corpus under 4 min;
+# features, training and tuning 34 min measured while other jobs shared the
 # machine); the result is the same model byte for byte. Environment overrides:
 #   BUILD   build directory (default: build)
 #   CORPUS  corpus directory (default: training/corpus; reused if complete)
