@@ -164,14 +164,9 @@ std::vector<FrameRef> MineHardFiller(const NnetTrainer& trainer, const TrainingF
                                      const std::vector<FrameRef>& clear, const Vector& shift,
                                      const Vector& scale, size_t pool_size, size_t count,
                                      int num_threads, std::mt19937* rng, double* mean_score) {
-  pool_size = std::min(pool_size, clear.size());
+  const std::vector<FrameRef> pool = RandomFrames(clear, pool_size, rng);
+  pool_size = pool.size();
   count = std::min(count, pool_size);
-  // Partial Fisher-Yates over a fresh copy, so each pass draws from all of it.
-  std::vector<FrameRef> pool = clear;
-  for (size_t i = 0; i < pool_size; ++i) {
-    std::uniform_int_distribution<size_t> pick(i, pool.size() - 1);
-    std::swap(pool[i], pool[pick(*rng)]);
-  }
   constexpr size_t kBatch = 1024;
   std::vector<float> score(pool_size);
   const int num_batches = static_cast<int>((pool_size + kBatch - 1) / kBatch);
@@ -254,8 +249,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
         std::ostringstream line;
         line.setf(std::ios::fixed);
         line.precision(3);
-        line << "mining: the " << hard.size() << " hardest of "
-             << pool_size
+        line << "mining: the " << hard.size() << " hardest of " << pool_size
              << " filler frames, mean hotword posterior " << mean_score;
         line.precision(0);
         line << " (" << std::chrono::duration<double>(std::chrono::steady_clock::now() - mining_start).count()

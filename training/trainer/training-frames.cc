@@ -7,6 +7,17 @@
 
 namespace kestrel {
 
+std::vector<FrameRef> RandomFrames(std::vector<FrameRef> from, size_t n, std::mt19937* rng) {
+  n = std::min(n, from.size());
+  // Partial Fisher-Yates: only the n frames kept are drawn.
+  for (size_t i = 0; i < n; ++i) {
+    std::uniform_int_distribution<size_t> pick(i, from.size() - 1);
+    std::swap(from[i], from[pick(*rng)]);
+  }
+  from.resize(n);
+  return from;
+}
+
 TrainingFrames::TrainingFrames(const FeatureSet* features, std::vector<std::vector<int>> labels,
                                const Splice& splice)
     : features_(features), labels_(std::move(labels)), splice_(splice) {
@@ -43,13 +54,9 @@ std::vector<FrameRef> TrainingFrames::EpochFrames(double filler_fraction, std::m
   frames.insert(frames.end(), hard.begin(), hard.end());
   const size_t total = EpochFillerCount(filler_fraction);
   const size_t want = total - std::min(hard.size(), total);
-  // Partial Fisher-Yates: a fresh random subset of the filler each epoch.
-  std::vector<FrameRef> filler = filler_frames_;
-  for (size_t i = 0; i < want; ++i) {
-    std::uniform_int_distribution<size_t> pick(i, filler.size() - 1);
-    std::swap(filler[i], filler[pick(*rng)]);
-    frames.push_back(filler[i]);
-  }
+  // A fresh random subset of the filler each epoch.
+  const std::vector<FrameRef> filler = RandomFrames(filler_frames_, want, rng);
+  frames.insert(frames.end(), filler.begin(), filler.end());
   std::shuffle(frames.begin(), frames.end(), *rng);
   return frames;
 }

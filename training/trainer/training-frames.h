@@ -25,6 +25,10 @@ struct FrameRef {
   int32 frame = 0;
 };
 
+// `n` frames of `from` drawn without replacement (all of them if there are
+// fewer), in random order.
+std::vector<FrameRef> RandomFrames(std::vector<FrameRef> from, size_t n, std::mt19937* rng);
+
 class TrainingFrames {
  public:
   // `labels[c]` holds one label per frame of clip c (0 = filler).
