@@ -1,7 +1,9 @@
 """`kestrel serve` under load: many clients on loopback, each streaming its
-own audio as fast as it can, twice over. Every client must get exactly the
-detections `kestrel detect` finds in its audio, and the server's memory must
-be the same after the second round as after the first. Prints the
+own audio as fast as it can, three rounds over. Every client must get exactly
+the detections `kestrel detect` finds in its audio, and the server's memory
+after the last round must not exceed what it held after an earlier one: a
+leak grows every round, while the allocator's arenas settle at a size that
+varies a little from round to round. Prints the
 throughput and the memory each connection costs.
 
 Usage: server-load-test.py KESTREL CLIENTS SECONDS [--no-memory-check]
@@ -19,7 +21,10 @@ import time
 from wyoming_test_client import FORMAT, MODEL, Server, read_sample, stream_bytes
 
 VARIANTS = 8  # distinct audio streams; variant k holds the hotword k times
-MEMORY_SLACK_KIB = 2048
+# RSS after a round settles anywhere in a band of about 5 MiB (which arenas
+# the connection threads happened to use); one detector leaked per
+# connection would add 32 x 3.8 MiB a round.
+MEMORY_SLACK_KIB = 4096
 
 
 def make_audio(variant, seconds):
@@ -70,9 +75,17 @@ def run_round(server, streams, expected, clients):
 
 
 def settled_rss(server):
-    """RSS once the ended connections' threads are gone."""
+    """RSS once the ended connections' threads are gone and their memory
+    returned: it stops changing (on a busy machine that takes a while)."""
     time.sleep(0.5)
-    return server.rss_kib()
+    last = server.rss_kib()
+    for _ in range(20):
+        time.sleep(0.25)
+        now = server.rss_kib()
+        if abs(now - last) < 64:
+            return now
+        last = now
+    return last
 
 
 def main():
@@ -89,7 +102,7 @@ def main():
     server = Server(kestrel)
     ok = True
     rss_after = []
-    for round_number in (1, 2):
+    for round_number in (1, 2, 3):
         wall, cpu, failures = run_round(server, streams, expected, clients)
         for failure in failures[:10]:
             print(failure)
@@ -99,8 +112,9 @@ def main():
               f" {clients * seconds / wall:.0f} audio seconds per second"
               f" ({clients * seconds / cpu:.0f} per second of server CPU time);"
               f" server RSS afterwards {rss_after[-1]} KiB")
-    if memory_check and rss_after[1] > rss_after[0] + MEMORY_SLACK_KIB:
-        print(f"memory grew from {rss_after[0]} to {rss_after[1]} KiB between rounds")
+    if memory_check and rss_after[2] > max(rss_after[:2]) + MEMORY_SLACK_KIB:
+        print(f"memory grew from {rss_after[0]} and {rss_after[1]} to {rss_after[2]} KiB"
+              " over the rounds")
         ok = False
 
     # Memory per connection: open ones, each with its detector made.
@@ -121,8 +135,8 @@ def main():
         print(f"server exit status {status}\n{server.log()}")
         ok = False
     connection_lines = server.log().count(" events, ")
-    if connection_lines != 2 * clients + clients:
-        print(f"{connection_lines} connection log lines for {3 * clients} connections")
+    if connection_lines != 3 * clients + clients:
+        print(f"{connection_lines} connection log lines for {4 * clients} connections")
         ok = False
     sys.exit(0 if ok else 1)
 
