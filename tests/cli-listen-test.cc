@@ -34,7 +34,7 @@ class ListenCommandTest : public testing::Test {
     const size_t from = json.find("\"time\": "), to = json.find(", \"hotword\"");
     ASSERT_TRUE(from != std::string::npos && to != std::string::npos) << json;
     time_and_sample_ = json.substr(from, to - from);
-    time_ = json.substr(from + 8, json.find(',', from) - from - 8);
+    time_ = time_and_sample_.substr(8, time_and_sample_.find(',') - 8);
     home_ = TempPath("home");
     ASSERT_EQ(0, std::system(("mkdir -p '" + home_ + "'").c_str()));
     WriteBytes(home_ + "/.asoundrc", "pcm.sample {\n  type file\n  slave.pcm { type null }\n"

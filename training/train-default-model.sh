@@ -28,10 +28,13 @@ cmake --build "$BUILD" -j"$JOBS" --target kestrel-cli
 if [ ! -f "$CORPUS/dev.jsonl" ]; then
     "$ROOT/training/make-corpus.py" --out "$CORPUS" --splits dev --jobs "$JOBS"
 fi
-# A train split made before its size was doubled would quietly train another
-# model: it is made again (the clips it has come out the same).
+# A train split of another size than make-corpus.py's default (one made
+# before it was doubled) would quietly train another model: it is made again
+# (the clips it has come out the same).
+train_positives=$(cd "$ROOT/training" &&
+    /usr/bin/python3 -c "import kcorpus.build as b; print(b.DEFAULTS['positives']['train'])")
 if [ ! -f "$CORPUS/train.jsonl" ] ||
-   [ "$(grep -c '"kind": "positive"' "$CORPUS/train.jsonl")" -ne 20000 ]; then
+   [ "$(grep -c '"kind": "positive"' "$CORPUS/train.jsonl")" -ne "$train_positives" ]; then
     "$ROOT/training/make-corpus.py" --out "$CORPUS" --splits train --jobs "$JOBS"
 fi
 
