@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "test-audio.h"
@@ -173,12 +174,17 @@ TEST(TrainPhraseTest, RefusedPhrasesAndMissingScriptsSayWhy) {
       << run.err;
   EXPECT_EQ(2, RunKestrel("train --out " + Quoted(model)).status);
   EXPECT_EQ(2, RunKestrel("train --phrase x --corpus y --out " + Quoted(model)).status);
-  run = RunKestrel("train --corpus y --out " + Quoted(model) + " --hard-filler-share 1.5");
-  EXPECT_EQ(2, run.status);
-  EXPECT_NE(std::string::npos, run.err.find("--hard-filler-share must be between 0 and 1, not 1.5"));
-  run = RunKestrel("train --corpus y --out " + Quoted(model) + " --mining-pool 0");
-  EXPECT_EQ(2, run.status);
-  EXPECT_NE(std::string::npos, run.err.find("--mining-pool must be at least 1, not 0"));
+  const std::pair<std::string, std::string> bad_options[] = {
+      {"--hard-filler-share 1.5", "--hard-filler-share must be between 0 and 1, not 1.5"},
+      {"--mining-pool 0", "--mining-pool must be at least 1, not 0"},
+      {"--noise-share -0.1", "--noise-share must be between 0 and 1, not -0.1"},
+      {"--noise-min-snr 20 --noise-max-snr 5", "--noise-min-snr 20 is above --noise-max-snr 5"},
+  };
+  for (const auto& [options, message] : bad_options) {
+    run = RunKestrel("train --corpus y --out " + Quoted(model) + " " + options);
+    EXPECT_EQ(2, run.status) << options;
+    EXPECT_NE(std::string::npos, run.err.find(message)) << run.err;
+  }
 }
 
 class TuneCommandTest : public testing::Test {

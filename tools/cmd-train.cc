@@ -126,6 +126,10 @@ int RunTrain(int argc, char** argv) {
   parser.AddInt("max-masked-bins", &t.max_masked_bins, "augmentation: widest masked band of bins");
   parser.AddInt("max-masked-frames", &t.max_masked_frames,
                 "augmentation: longest run of context frames dropped to a quiet level");
+  parser.AddString("noise-share", &config.noise_share,
+                   "augmentation: share of rows mixed with another row's sound, in [0, 1]; 0: none");
+  parser.AddInt("noise-min-snr", &t.noise_min_snr_db, "augmentation: lowest SNR of that mix, in dB");
+  parser.AddInt("noise-max-snr", &t.noise_max_snr_db, "augmentation: highest SNR of that mix, in dB");
   parser.AddString("hard-filler-share", &config.hard_filler_share,
                    "share of each epoch's filler mined as the hardest frames, in [0, 1]; 0: none");
   parser.AddInt("mining-pool", &t.mining_pool,
@@ -171,6 +175,15 @@ int RunTrain(int argc, char** argv) {
     if (!(hard >= 0.0 && hard <= 1.0)) {
       return UsageError("train", "--hard-filler-share must be between 0 and 1, not " +
                                      config.hard_filler_share);
+    }
+    const double noise = ConvertStringToIntegerOrFloat<double>(config.noise_share);
+    if (!(noise >= 0.0 && noise <= 1.0)) {
+      return UsageError("train", "--noise-share must be between 0 and 1, not " + config.noise_share);
+    }
+    if (t.noise_min_snr_db > t.noise_max_snr_db) {
+      return UsageError("train", "--noise-min-snr " + std::to_string(t.noise_min_snr_db) +
+                                     " is above --noise-max-snr " +
+                                     std::to_string(t.noise_max_snr_db));
     }
     if (t.mining_pool < 1) {
       return UsageError("train", "--mining-pool must be at least 1, not " +

@@ -181,7 +181,8 @@ StageKeys PhraseRun::Keys() const {
       << " rate=" << config_.learning_rate << " filler=" << config_.filler_fraction
       << " hard=" << config_.hard_filler_share << "," << t.mining_pool << "," << t.mining_interval
       << " batch=" << t.batch_size << " augment=" << t.max_bin_shift << ","
-      << t.max_masked_bins << "," << t.max_masked_frames;
+      << t.max_masked_bins << "," << t.max_masked_frames << " noise=" << config_.noise_share << ","
+      << t.noise_min_snr_db << "," << t.noise_max_snr_db;
   keys.training = key.str();
   key << " | methods=" << config_.methods << " max-fa=" << config_.max_fa
       << " max-near=" << config_.max_near << " detector=" << d.slide_step << ","

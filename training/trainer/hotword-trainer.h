@@ -45,6 +45,15 @@ struct HotwordTrainerOptions {
   // would make it (voices whose closures are longer than the training
   // voices' otherwise lose the units around them).
   int32 max_masked_frames = 6;
+  // Noise mixed afresh each epoch: this share of the rows gets a filler row
+  // of the same minibatch (speech, noise or quiet) added in the power domain
+  // at a signal-to-noise ratio drawn from [noise_min_snr_db,
+  // noise_max_snr_db], measured over the whole row. The corpus mixes one
+  // noise into each clip once; the network then learns that noise by heart,
+  // while held-out misses pile up in babble and low SNR.
+  double noise_share = 0.0;
+  int32 noise_min_snr_db = 0;
+  int32 noise_max_snr_db = 20;
   // Hard negative mining: from the first third of the epochs on, every
   // `mining_interval` epochs, the network scores a random pool of clear
   // filler frames (TrainingFrames::ClearFillerFrames) `mining_pool` times
