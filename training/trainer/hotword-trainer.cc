@@ -74,45 +74,45 @@ void Normalise(const Vector& shift, const Vector& scale, Matrix* rows) {
 // Mixes filler rows into raw (log-mel) training rows in place, as
 // HotwordTrainerOptions::noise_share describes. Each row's partner and
 // level are drawn in order from `rng`, so the result does not depend on
-// `num_threads`.
+// the thread count.
 void MixNoiseRows(const std::vector<int32>& labels, const HotwordTrainerOptions& options,
-                  int num_threads, std::mt19937* rng, Matrix* rows) {
+                  std::mt19937* rng, Matrix* rows) {
+  if (options.noise_share <= 0.0) return;
   std::vector<int> filler;
   for (size_t r = 0; r < labels.size(); ++r) {
     if (labels[r] == 0) filler.push_back(static_cast<int>(r));
   }
-  if (options.noise_share <= 0.0 || filler.empty()) return;
+  if (filler.empty()) return;
   const int num_rows = rows->NumRows(), num_cols = rows->NumCols();
-  // Each row's total power, as a log.
-  std::vector<float> energy(num_rows);
-  for (int r = 0; r < num_rows; ++r) {
-    const float* x = rows->RowData(r);
-    const float peak = *std::max_element(x, x + num_cols);
-    double sum = 0.0;
-    for (int c = 0; c < num_cols; ++c) sum += std::exp(x[c] - peak);
-    energy[r] = peak + static_cast<float>(std::log(sum));
-  }
   std::uniform_real_distribution<double> chance(0.0, 1.0);
   std::uniform_int_distribution<size_t> partner_of(0, filler.size() - 1);
   std::uniform_real_distribution<double> snr_of(options.noise_min_snr_db, options.noise_max_snr_db);
   std::vector<int> partner(num_rows, -1);
-  std::vector<float> gain(num_rows, 0.0f);
+  std::vector<double> snr_db(num_rows);
   for (int r = 0; r < num_rows; ++r) {
     if (chance(*rng) >= options.noise_share) continue;
     const int p = filler[partner_of(*rng)];
-    const double snr_db = snr_of(*rng);
-    if (p == r) continue;
-    partner[r] = p;
-    gain[r] = energy[r] - energy[p] - static_cast<float>(snr_db * std::log(10.0) / 10.0);
+    snr_db[r] = snr_of(*rng);
+    if (p != r) partner[r] = p;
   }
   const Matrix raw = *rows;  // partners are mixed from their own unmixed rows
-  ParallelRanges(num_rows, num_threads, [&](int first, int end) {
+  // A row's total power, as a log.
+  auto energy = [&](int r) {
+    const float* x = raw.RowData(r);
+    const float peak = *std::max_element(x, x + num_cols);
+    double sum = 0.0;
+    for (int c = 0; c < num_cols; ++c) sum += std::exp(x[c] - peak);
+    return peak + static_cast<float>(std::log(sum));
+  };
+  ParallelRanges(num_rows, options.threads, [&](int first, int end) {
     for (int r = first; r < end; ++r) {
       if (partner[r] < 0) continue;
+      const float gain = energy(r) - energy(partner[r]) -
+                         static_cast<float>(snr_db[r] * std::log(10.0) / 10.0);
       float* x = rows->RowData(r);
       const float* noise = raw.RowData(partner[r]);
       for (int c = 0; c < num_cols; ++c) {
-        const float a = x[c], b = noise[c] + gain[r];
+        const float a = x[c], b = noise[c] + gain;
         x[c] = std::max(a, b) + std::log1p(std::exp(-std::fabs(a - b)));
       }
     }
@@ -311,7 +311,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
     for (size_t first = 0; first < frames.size(); first += options.batch_size) {
       size_t n = std::min(frames.size() - first, static_cast<size_t>(options.batch_size));
       train.MakeBatch(frames, first, n, &rows, &labels);
-      MixNoiseRows(labels, options, options.threads, &rng, &rows);
+      MixNoiseRows(labels, options, &rng, &rows);
       Normalise(shift, scale, &rows);
       AugmentRows(train.GetSplice(), options, &rng, &rows);
       loss += trainer->TrainOnBatch(rows, labels) * n;
