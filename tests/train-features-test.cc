@@ -182,8 +182,24 @@ TEST(FrameLabels, LabelEachFrameByThePhonemeUnderItsCentre) {
     }
   }
   EXPECT_EQ(runs, 3);
+  // With edges guarded, the two frames either side of each change of label
+  // are left out (47..50 at the start, 115..118 at the end, four at each of
+  // the two unit edges), and nothing else moves.
+  const int u = kUntrainedFrame;
+  std::vector<int> guarded = FrameLabels(clips[0], units, 200, 2);
+  EXPECT_EQ(std::vector<int>(guarded.begin() + 46, guarded.begin() + 52),
+            (std::vector<int>{0, u, u, u, u, 1}));
+  EXPECT_EQ(std::vector<int>(guarded.begin() + 114, guarded.begin() + 120),
+            (std::vector<int>{3, u, u, u, u, 0}));
+  int left_out = 0;
+  for (size_t t = 0; t < guarded.size(); ++t) {
+    if (guarded[t] == u) ++left_out;
+    else EXPECT_EQ(guarded[t], labels[t]) << "frame " << t;
+  }
+  EXPECT_EQ(left_out, 16);
   // Timings past the end of the features are dropped, not written.
   EXPECT_EQ(FrameLabels(clips[0], units, 60).size(), 60u);
+  EXPECT_EQ(FrameLabels(clips[0], units, 60, 3).size(), 60u);
   CorpusClip negative;
   negative.kind = ClipKind::kNegative;
   EXPECT_EQ(FrameLabels(negative, units, 5), std::vector<int>(5, 0));
@@ -194,7 +210,6 @@ TEST(FrameLabels, LabelEachFrameByThePhonemeUnderItsCentre) {
   negative.span_start = 0.02;
   negative.span_end = 0.08;
   negative.differs = {{0.04, 0.06}};
-  const int u = kUntrainedFrame;
   EXPECT_EQ(FrameLabels(negative, units, 10), (std::vector<int>{0, u, u, 0, 0, u, u, 0, 0, 0}));
 }
 

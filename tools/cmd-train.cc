@@ -109,6 +109,8 @@ int RunTrain(int argc, char** argv) {
   parser.AddString("cache-dir", &config.cache_dir, "where features are cached (default: the corpus)");
   parser.AddString("report", &config.report, "also write the summary to this file");
   parser.AddInt("units", &config.units, "hotword units (network outputs besides the filler)");
+  parser.AddInt("unit-edge-frames", &config.unit_edge_frames,
+                "frames left untrained on either side of each unit's edges in the positives");
   parser.AddInt("epochs", &epochs,
                 "passes over the hotword frames; 0: " + std::to_string(t.epochs) + ", " +
                     std::to_string(kQuickEpochs) + " with --quick");
@@ -158,6 +160,10 @@ int RunTrain(int argc, char** argv) {
       t.hidden_layers < 0 || t.left_context < 0 || t.right_context < 0) {
     return UsageError("train", "--threads, --units and --batch-size must be at least 1, --epochs, "
                                "--hidden-dim, --hidden-layers and the contexts at least 0");
+  }
+  if (config.unit_edge_frames < 0) {
+    return UsageError("train", "--unit-edge-frames must be at least 0, not " +
+                                   std::to_string(config.unit_edge_frames));
   }
   if (!config.hotword_name.empty() && !HotwordModel::IsStorableHotwordName(config.hotword_name)) {
     return UsageError("train", "--hotword-name \"" + config.hotword_name +

@@ -39,6 +39,9 @@ struct TrainConfig {
   // frames than the Viterbi searches' minimum per unit, and dev misses were
   // a third higher.
   int32 units = 4;
+  // Frames left untrained on either side of each unit edge in the positives
+  // (FrameLabels).
+  int32 unit_edge_frames = 0;
   int32 threads = 2;
   bool text = false;
   HotwordTrainerOptions trainer;

@@ -144,7 +144,8 @@ HotwordUnits ChooseUnits(const std::vector<CorpusClip>& clips, int num_units) {
   return units;
 }
 
-std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, int num_frames) {
+std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, int num_frames,
+                             int edge_frames) {
   std::vector<int> labels(std::max(0, num_frames), 0);
   // Labels the frames whose centre lies in [start, end).
   auto fill = [&](double start, double end, int label) {
@@ -168,7 +169,15 @@ std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, 
     const PhoneSpan& p = clip.phones[k];
     fill(p.start, p.end, units.unit_of_phone[index[k]]);
   }
-  return labels;
+  if (edge_frames <= 0) return labels;
+  std::vector<int> guarded = labels;
+  for (int t = 1; t < num_frames; ++t) {
+    if (labels[t] == labels[t - 1]) continue;
+    for (int g = std::max(0, t - edge_frames); g < std::min(num_frames, t + edge_frames); ++g) {
+      guarded[g] = kUntrainedFrame;
+    }
+  }
+  return guarded;
 }
 
 }  // namespace kestrel

@@ -53,8 +53,12 @@ constexpr int kUntrainedFrame = -1;
 // phonemes of a positive, which get their unit, and inside a near phrase
 // (a confusable's span), which is kUntrainedFrame except where it sounds
 // unlike the hotword ("a" in "a kestrel"). A confusable without a span is
-// kUntrainedFrame throughout.
-std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, int num_frames);
+// kUntrainedFrame throughout. In a positive, the `edge_frames` frames on
+// either side of each change of label at a unit (unit to unit, filler to
+// unit and back) are kUntrainedFrame: the engines' phoneme timings are only
+// good to a frame or two, and a transition is both sounds at once.
+std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, int num_frames,
+                             int edge_frames = 0);
 
 }  // namespace kestrel
 
