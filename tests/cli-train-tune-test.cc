@@ -178,6 +178,7 @@ TEST(TrainPhraseTest, RefusedPhrasesAndMissingScriptsSayWhy) {
       {"--hard-filler-share 1.5", "--hard-filler-share must be between 0 and 1, not 1.5"},
       {"--mining-pool 0", "--mining-pool must be at least 1, not 0"},
       {"--unit-edge-frames -1", "--unit-edge-frames must be at least 0, not -1"},
+      {"--near-contrast-frames -2", "--near-contrast-frames must be at least 0, not -2"},
       {"--noise-share -0.1", "--noise-share must be between 0 and 1, not -0.1"},
       {"--noise-min-snr 20 --noise-max-snr 5", "--noise-min-snr 20 is above --noise-max-snr 5"},
   };

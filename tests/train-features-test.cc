@@ -211,6 +211,12 @@ TEST(FrameLabels, LabelEachFrameByThePhonemeUnderItsCentre) {
   negative.span_end = 0.08;
   negative.differs = {{0.04, 0.06}};
   EXPECT_EQ(FrameLabels(negative, units, 10), (std::vector<int>{0, u, u, 0, 0, u, u, 0, 0, 0}));
+  // Contrast frames reach either side of where shared and differing sounds
+  // meet, but never out of the phrase.
+  const int c = kContrastFrame;
+  EXPECT_EQ(FrameLabels(negative, units, 10, 0, 1), (std::vector<int>{0, u, c, c, c, c, u, 0, 0, 0}));
+  EXPECT_EQ(FrameLabels(negative, units, 10, 0, 3), (std::vector<int>{0, c, c, c, c, c, c, 0, 0, 0}));
+  EXPECT_EQ(FrameLabels(clips[0], units, 200, 0, 3), labels);
 }
 
 TEST(ManifestLine, ReadsAPositiveAndNamesBadFields) {

@@ -9,6 +9,7 @@
 
 #include "feature-set.h"
 #include "hotword-trainer.h"
+#include "hotword-units.h"
 #include "posterior-scan.h"
 #include "training-frames.h"
 
@@ -195,6 +196,28 @@ TEST(TrainingFrames, EpochsBalanceFillerAgainstUnits) {
   for (const FrameRef& f : epoch) filler += frames.Label(f) == 0;
   EXPECT_EQ(epoch.size() - filler, 200u);  // every unit frame
   EXPECT_EQ(filler, 300u);                 // 60% of the epoch
+  // Contrast frames are filler that every epoch holds, within its share.
+  std::vector<std::vector<int>> marked = labels;
+  std::vector<FrameRef> contrast;
+  for (int c = 0; c < 3; ++c) {
+    for (int t = 0; t < static_cast<int>(marked[c].size()) && contrast.size() < 5u * (c + 1); ++t) {
+      if (marked[c][t] == 0) {
+        marked[c][t] = kContrastFrame;
+        contrast.push_back({c, t});
+      }
+    }
+  }
+  TrainingFrames with_contrast(&set, marked, MakeSplice(4, options));
+  for (int e = 0; e < 3; ++e) {
+    std::vector<FrameRef> frames_of_epoch = with_contrast.EpochFrames(0.6, &rng);
+    EXPECT_EQ(frames_of_epoch.size(), 500u);
+    for (const FrameRef& f : contrast) {
+      EXPECT_EQ(with_contrast.Label(f), 0);
+      EXPECT_EQ(std::count_if(frames_of_epoch.begin(), frames_of_epoch.end(),
+                              [&](const FrameRef& g) { return g.clip == f.clip && g.frame == f.frame; }),
+                1);
+    }
+  }
   // Spliced rows repeat the first frame where the context reaches before it.
   Matrix rows;
   std::vector<int32> row_labels;

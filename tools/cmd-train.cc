@@ -111,6 +111,9 @@ int RunTrain(int argc, char** argv) {
   parser.AddInt("units", &config.units, "hotword units (network outputs besides the filler)");
   parser.AddInt("unit-edge-frames", &config.unit_edge_frames,
                 "frames left untrained on either side of each unit's edges in the positives");
+  parser.AddInt("near-contrast-frames", &config.near_contrast_frames,
+                "frames of the near phrases either side of where they start to differ from the "
+                "hotword, trained as filler in every epoch");
   parser.AddInt("epochs", &epochs,
                 "passes over the hotword frames; 0: " + std::to_string(t.epochs) + ", " +
                     std::to_string(kQuickEpochs) + " with --quick");
@@ -164,6 +167,10 @@ int RunTrain(int argc, char** argv) {
   if (config.unit_edge_frames < 0) {
     return UsageError("train", "--unit-edge-frames must be at least 0, not " +
                                    std::to_string(config.unit_edge_frames));
+  }
+  if (config.near_contrast_frames < 0) {
+    return UsageError("train", "--near-contrast-frames must be at least 0, not " +
+                                   std::to_string(config.near_contrast_frames));
   }
   if (!config.hotword_name.empty() && !HotwordModel::IsStorableHotwordName(config.hotword_name)) {
     return UsageError("train", "--hotword-name \"" + config.hotword_name +

@@ -14,11 +14,12 @@ namespace kestrel {
 namespace {
 
 std::vector<std::vector<int>> LabelsOf(const CorpusSplit& split, const HotwordUnits& units,
-                                       int edge_frames) {
+                                       int edge_frames, int contrast_frames) {
   std::vector<std::vector<int>> labels;
   for (size_t c = 0; c < split.clips.size(); ++c) {
     labels.push_back(FrameLabels(split.clips[c], units,
-                                 split.features.NumFrames(static_cast<int>(c)), edge_frames));
+                                 split.features.NumFrames(static_cast<int>(c)), edge_frames,
+                                 contrast_frames));
   }
   return labels;
 }
@@ -54,10 +55,15 @@ Nnet TrainNetwork(const TrainConfig& config, const CorpusSplit& train, const Cor
                   const HotwordUnits& units, const ProgressFunction& progress) {
   HotwordTrainerOptions options = config.trainer;
   Splice splice = MakeSplice(train.features.Dim(), options);
-  TrainingFrames train_frames(&train.features, LabelsOf(train, units, config.unit_edge_frames), splice);
-  TrainingFrames dev_frames(&dev.features, LabelsOf(dev, units, config.unit_edge_frames), splice);
+  TrainingFrames train_frames(
+      &train.features,
+      LabelsOf(train, units, config.unit_edge_frames, config.near_contrast_frames), splice);
+  TrainingFrames dev_frames(
+      &dev.features, LabelsOf(dev, units, config.unit_edge_frames, config.near_contrast_frames),
+      splice);
   progress("frames: " + std::to_string(train_frames.UnitFrames().size()) + " hotword, " +
-           std::to_string(train_frames.FillerFrames().size()) + " filler");
+           std::to_string(train_frames.FillerFrames().size()) + " filler, " +
+           std::to_string(train_frames.ContrastFrames().size()) + " near-phrase contrast");
   options.learning_rate = ConvertStringToIntegerOrFloat<float>(config.learning_rate);
   options.filler_fraction = ConvertStringToIntegerOrFloat<double>(config.filler_fraction);
   options.hard_filler_share = ConvertStringToIntegerOrFloat<double>(config.hard_filler_share);

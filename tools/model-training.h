@@ -42,6 +42,9 @@ struct TrainConfig {
   // Frames left untrained on either side of each unit edge in the positives
   // (FrameLabels).
   int32 unit_edge_frames = 0;
+  // Frames of the near phrases either side of where their shared and
+  // differing sounds meet, trained as filler in every epoch (FrameLabels).
+  int32 near_contrast_frames = 0;
   int32 threads = 2;
   bool text = false;
   HotwordTrainerOptions trainer;

@@ -176,7 +176,8 @@ StageKeys PhraseRun::Keys() const {
   keys.corpus = key.str();
   key << " | features";
   keys.features = key.str();
-  key << " | units=" << config_.units << " edges=" << config_.unit_edge_frames << " epochs=" << t.epochs << " hidden=" << t.hidden_dim
+  key << " | units=" << config_.units << " edges=" << config_.unit_edge_frames
+      << " contrast=" << config_.near_contrast_frames << " epochs=" << t.epochs << " hidden=" << t.hidden_dim
       << "x" << t.hidden_layers << " context=" << t.left_context << "," << t.right_context
       << " rate=" << config_.learning_rate << " filler=" << config_.filler_fraction
       << " hard=" << config_.hard_filler_share << "," << t.mining_pool << "," << t.mining_interval

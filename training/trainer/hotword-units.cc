@@ -145,14 +145,15 @@ HotwordUnits ChooseUnits(const std::vector<CorpusClip>& clips, int num_units) {
 }
 
 std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, int num_frames,
-                             int edge_frames) {
+                             int edge_frames, int contrast_frames) {
   std::vector<int> labels(std::max(0, num_frames), 0);
   // Labels the frames whose centre lies in [start, end).
-  auto fill = [&](double start, double end, int label) {
+  auto fill_into = [&](std::vector<int>* out, double start, double end, int label) {
     int first = static_cast<int>(std::ceil((start - kFrameCentreSeconds) / kFrameShiftSeconds - 1e-9));
     int last = static_cast<int>(std::ceil((end - kFrameCentreSeconds) / kFrameShiftSeconds - 1e-9)) - 1;
-    for (int t = std::max(first, 0); t <= std::min(last, num_frames - 1); ++t) labels[t] = label;
+    for (int t = std::max(first, 0); t <= std::min(last, num_frames - 1); ++t) (*out)[t] = label;
   };
+  auto fill = [&](double start, double end, int label) { fill_into(&labels, start, end, label); };
   // A near phrase says some of the hotword's own sounds ("a kestrel", "hey
   // kettle"); labelled filler there, it would teach the network that those
   // sounds are not the hotword's units. Only where it sounds different is it
@@ -161,7 +162,20 @@ std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, 
     if (clip.span_end <= clip.span_start) return std::vector<int>(std::max(0, num_frames), kUntrainedFrame);
     fill(clip.span_start, clip.span_end, kUntrainedFrame);
     for (const auto& [start, end] : clip.differs) fill(start, end, 0);
-    return labels;
+    if (contrast_frames <= 0) return labels;
+    // The span's own edges are no meeting: the hotword too is said after and
+    // before any speech.
+    std::vector<int> in_span(labels.size(), 0);
+    fill_into(&in_span, clip.span_start, clip.span_end, 1);
+    std::vector<int> contrasted = labels;
+    for (int t = 1; t < num_frames; ++t) {
+      if (!in_span[t - 1] || !in_span[t] || labels[t - 1] == labels[t]) continue;
+      const int end = std::min(num_frames, t + contrast_frames);
+      for (int g = std::max(0, t - contrast_frames); g < end; ++g) {
+        if (in_span[g]) contrasted[g] = kContrastFrame;
+      }
+    }
+    return contrasted;
   }
   if (clip.kind != ClipKind::kPositive || units.phones.empty()) return labels;
   std::vector<int> index = AlignToCanonical(Symbols(clip), units.phones);

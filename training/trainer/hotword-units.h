@@ -48,6 +48,9 @@ std::vector<int> AlignToCanonical(const std::vector<std::string>& phones,
 
 // Label of a frame that frame training skips.
 constexpr int kUntrainedFrame = -1;
+// Label of a filler frame that every epoch trains on (TrainingFrames): a near
+// phrase's frames where its shared sounds meet the ones that differ.
+constexpr int kContrastFrame = -2;
 
 // One label per frame of the clip: 0 (filler) everywhere except under the
 // phonemes of a positive, which get their unit, and inside a near phrase
@@ -57,8 +60,15 @@ constexpr int kUntrainedFrame = -1;
 // either side of each change of label at a unit (unit to unit, filler to
 // unit and back) are kUntrainedFrame: the engines' phoneme timings are only
 // good to a frame or two, and a transition is both sounds at once.
+//
+// With `contrast_frames`, the frames of a near phrase within that many of a
+// meeting of shared and differing sounds are kContrastFrame, shared ones
+// included: "kestrel" after "shower" is then filler where the network's
+// context still reaches "shower". Left untrained, the shared sounds score as
+// the hotword's units whatever came before them, and the whole-phrase score
+// of "shower kestrel" falls short of the hotword's by one unit only.
 std::vector<int> FrameLabels(const CorpusClip& clip, const HotwordUnits& units, int num_frames,
-                             int edge_frames = 0);
+                             int edge_frames = 0, int contrast_frames = 0);
 
 }  // namespace kestrel
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "hotword-units.h"
 #include "utils/kestrel-log.h"
 
 namespace kestrel {
@@ -32,6 +33,11 @@ TrainingFrames::TrainingFrames(const FeatureSet* features, std::vector<std::vect
     }
     for (int t = 0; t < features_->NumFrames(c); ++t) {
       int label = labels_[c][t];
+      if (label == kContrastFrame) {
+        labels_[c][t] = 0;
+        contrast_frames_.push_back({c, t});
+        continue;
+      }
       if (label < 0) continue;  // not trained on
       num_labels_ = std::max(num_labels_, label + 1);
       (label == 0 ? filler_frames_ : unit_frames_).push_back({c, t});
@@ -40,7 +46,7 @@ TrainingFrames::TrainingFrames(const FeatureSet* features, std::vector<std::vect
 }
 
 size_t TrainingFrames::EpochFillerCount(double filler_fraction) const {
-  size_t want = filler_frames_.size();
+  size_t want = filler_frames_.size() + contrast_frames_.size();
   if (filler_fraction < 1.0) {
     want = std::min(want, static_cast<size_t>(unit_frames_.size() * filler_fraction /
                                               std::max(1e-6, 1.0 - filler_fraction)));
@@ -51,9 +57,10 @@ size_t TrainingFrames::EpochFillerCount(double filler_fraction) const {
 std::vector<FrameRef> TrainingFrames::EpochFrames(double filler_fraction, std::mt19937* rng,
                                                   const std::vector<FrameRef>& hard) const {
   std::vector<FrameRef> frames = unit_frames_;
+  frames.insert(frames.end(), contrast_frames_.begin(), contrast_frames_.end());
   frames.insert(frames.end(), hard.begin(), hard.end());
   const size_t total = EpochFillerCount(filler_fraction);
-  const size_t want = total - std::min(hard.size(), total);
+  const size_t want = total - std::min(hard.size() + contrast_frames_.size(), total);
   // A fresh random subset of the filler each epoch.
   const std::vector<FrameRef> filler = RandomFrames(filler_frames_, want, rng);
   frames.insert(frames.end(), filler.begin(), filler.end());

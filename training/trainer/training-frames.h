@@ -31,7 +31,8 @@ std::vector<FrameRef> RandomFrames(std::vector<FrameRef> from, size_t n, std::mt
 
 class TrainingFrames {
  public:
-  // `labels[c]` holds one label per frame of clip c (0 = filler).
+  // `labels[c]` holds one label per frame of clip c (0 = filler, below 0 not
+  // trained on, kContrastFrame filler that every epoch holds).
   TrainingFrames(const FeatureSet* features, std::vector<std::vector<int>> labels,
                  const Splice& splice);
 
@@ -41,13 +42,16 @@ class TrainingFrames {
   int FeatureDim() const { return features_->Dim(); }
   const Splice& GetSplice() const { return splice_; }
   const std::vector<FrameRef>& UnitFrames() const { return unit_frames_; }
+  // Filler frames other than the contrast frames.
   const std::vector<FrameRef>& FillerFrames() const { return filler_frames_; }
+  const std::vector<FrameRef>& ContrastFrames() const { return contrast_frames_; }
   int Label(const FrameRef& f) const { return labels_[f.clip][f.frame]; }
 
   // One epoch: every unit frame plus filler frames so that they make up
   // `filler_fraction` of the epoch (all of them if there are too few),
-  // shuffled. The filler is `hard` (every frame of it, as often as it is
-  // listed), topped up with frames drawn without replacement from all filler.
+  // shuffled. The filler is the contrast frames and `hard` (every frame of
+  // them, as often as they are listed), topped up with frames drawn without
+  // replacement from all filler.
   std::vector<FrameRef> EpochFrames(double filler_fraction, std::mt19937* rng,
                                     const std::vector<FrameRef>& hard = {}) const;
   // The number of filler frames EpochFrames puts in an epoch.
@@ -75,6 +79,9 @@ class TrainingFrames {
   int num_labels_ = 1;
   std::vector<FrameRef> unit_frames_;
   std::vector<FrameRef> filler_frames_;
+  // Labelled kContrastFrame: rare, and what tells near phrases apart, so
+  // random draws from all filler would all but never show them.
+  std::vector<FrameRef> contrast_frames_;
 };
 
 }  // namespace kestrel
