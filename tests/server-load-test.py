@@ -25,6 +25,7 @@ VARIANTS = 8  # distinct audio streams; variant k holds the hotword k times
 # the connection threads happened to use); one detector leaked per
 # connection would add 32 x 3.8 MiB a round.
 MEMORY_SLACK_KIB = 4096
+MAX_ROUNDS = 5
 
 
 def make_audio(variant, seconds):
@@ -102,7 +103,13 @@ def main():
     server = Server(kestrel)
     ok = True
     rss_after = []
-    for round_number in (1, 2, 3):
+    # Rounds after the first two are judged against them. A leak grows every
+    # round; a round that happens to settle high (on a busy machine the
+    # threads' arenas are returned late) is followed by another, up to
+    # MAX_ROUNDS, and passes once one round settles within the slack.
+    round_number = 0
+    while True:
+        round_number += 1
         wall, cpu, failures = run_round(server, streams, expected, clients)
         for failure in failures[:10]:
             print(failure)
@@ -112,10 +119,15 @@ def main():
               f" {clients * seconds / wall:.0f} audio seconds per second"
               f" ({clients * seconds / cpu:.0f} per second of server CPU time);"
               f" server RSS afterwards {rss_after[-1]} KiB")
-    if memory_check and rss_after[2] > max(rss_after[:2]) + MEMORY_SLACK_KIB:
-        print(f"memory grew from {rss_after[0]} and {rss_after[1]} to {rss_after[2]} KiB"
-              " over the rounds")
-        ok = False
+        if round_number < 3:
+            continue
+        if not memory_check or rss_after[-1] <= max(rss_after[:2]) + MEMORY_SLACK_KIB:
+            break
+        if round_number == MAX_ROUNDS:
+            print(f"memory grew from {rss_after[0]} and {rss_after[1]} to"
+                  f" {', '.join(map(str, rss_after[2:]))} KiB over the rounds")
+            ok = False
+            break
 
     # Memory per connection: open ones, each with its detector made.
     before = settled_rss(server)
@@ -135,8 +147,9 @@ def main():
         print(f"server exit status {status}\n{server.log()}")
         ok = False
     connection_lines = server.log().count(" events, ")
-    if connection_lines != 3 * clients + clients:
-        print(f"{connection_lines} connection log lines for {4 * clients} connections")
+    if connection_lines != (round_number + 1) * clients:
+        print(f"{connection_lines} connection log lines for {(round_number + 1) * clients}"
+              " connections")
         ok = False
     sys.exit(0 if ok else 1)
 
