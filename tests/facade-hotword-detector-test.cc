@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <random>
 #include <string>
@@ -237,10 +236,8 @@ TEST_F(HotwordDetectorTest, NamesComeFromTheOptionsThenTheModelThenItsFile) {
   options_.models = {options_.models[0], stored, two, buffer};
   options_.hotword_names.clear();
   HotwordDetector detector(options_);
-  // The fixture's file is "<temporary prefix>-tone.kmodel".
-  std::string tone = std::filesystem::path(model_).stem().string();
-  std::replace(tone.begin(), tone.end(), '-', ' ');
-  ASSERT_EQ(" tone", tone.substr(tone.size() - 5));
+  // The fixture's file is "tone.kmodel".
+  const std::string tone = "tone";
   const std::vector<std::string> expected = {tone, "hey whistle", "two tones 1", "two tones 2", ""};
   for (int k = 1; k <= detector.NumHotwords(); ++k) {
     EXPECT_EQ(expected[k - 1], detector.HotwordName(k)) << k;

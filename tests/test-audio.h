@@ -8,6 +8,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -90,10 +91,20 @@ inline void AddTone(std::vector<int16_t>* samples, double hz, int amplitude, siz
   }
 }
 
-// A file name in the test temporary directory, unique to this process so
-// that test programs running in parallel do not collide.
+// A file name in a temporary directory of this process's own, so that test
+// programs running in parallel do not collide. The directory and all in it
+// are removed when the process exits, so that repeated runs leave nothing.
 inline std::string TempPath(const std::string& name) {
-  return ::testing::TempDir() + "kestrel-" + std::to_string(getpid()) + "-" + name;
+  struct ProcessDirectory {
+    const std::string path = ::testing::TempDir() + "kestrel-" + std::to_string(getpid());
+    ProcessDirectory() { std::filesystem::create_directories(path); }
+    ~ProcessDirectory() {
+      std::error_code ignored;
+      std::filesystem::remove_all(path, ignored);
+    }
+  };
+  static const ProcessDirectory directory;
+  return directory.path + "/" + name;
 }
 
 }  // namespace kestrel
