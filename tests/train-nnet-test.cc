@@ -97,6 +97,41 @@ TEST(NnetTrainTest, ParameterGradientsMatchNumericalDerivatives) {
   EXPECT_EQ(checked, 6 + 6 + (30 + 5) + (20 + 4) + (16 + 4) + (12 + 3));
 }
 
+TEST(NnetTrainTest, DropoutGradientsMatchTheMaskedNetwork) {
+  std::mt19937 rng(24);
+  Nnet nnet;
+  nnet.AppendComponent(RandomAffine(6, 12, &rng));
+  nnet.AppendComponent(std::make_unique<Relu>(12));
+  nnet.AppendComponent(RandomAffine(12, 3, &rng));
+  nnet.AppendComponent(std::make_unique<Softmax>(3));
+  NnetTrainerOptions options;
+  options.dropout = 0.3f;
+  options.dropout_seed = 5;
+  const Matrix rows = RandomMatrix(9, 6, &rng);
+  const std::vector<int32> labels = {0, 2, 1, 1, 0, 2, 2, 1, 0};
+  // A new trainer with the same seed draws the same first mask, so its
+  // loss is the function the gradient is of.
+  auto masked_loss = [&] { return NnetTrainer(&nnet, options).ComputeGradient(rows, labels); };
+  NnetTrainer trainer(&nnet, options);
+  const float loss = trainer.ComputeGradient(rows, labels);
+  EXPECT_NE(loss, NnetTrainer(&nnet, NnetTrainerOptions()).ComputeLoss(rows, labels))
+      << "no output was dropped";
+  for (int i : {0, 2}) {
+    Component& c = nnet.GetComponent(i);
+    const std::vector<float> gradient = trainer.Gradient(i);
+    std::vector<float> params(c.NumParams());
+    c.GetParams(params.data());
+    for (size_t p = 0; p < params.size(); ++p) {
+      const double slope = Slope(&params[p], [&] {
+        c.SetParams(params.data());
+        return masked_loss();
+      });
+      EXPECT_NEAR(gradient[p], slope, 2e-3) << "component " << i << ", parameter " << p;
+    }
+    c.SetParams(params.data());
+  }
+}
+
 TEST(NnetTrainTest, TrainingLearnsSeparableClasses) {
   // Three classes around distant centres in 8 dimensions.
   std::mt19937 rng(23);
@@ -161,6 +196,10 @@ TEST(NnetTrainTest, RejectsBadLabelsAndNetworksWithoutSoftmax) {
   EXPECT_EQ(KESTREL_ERROR_TEXT(NnetTrainer(&no_softmax, NnetTrainerOptions())),
             "NnetTrainer: the network must end in <Softmax>, its last component is "
             "<AffineTransform>.");
+  NnetTrainerOptions all_dropped;
+  all_dropped.dropout = 1.0f;
+  EXPECT_EQ(KESTREL_ERROR_TEXT(NnetTrainer(&nnet, all_dropped)),
+            "NnetTrainer: dropout must be in [0, 1), not 1.");
 }
 
 }  // namespace

@@ -135,6 +135,9 @@ int RunTrain(int argc, char** argv) {
                    "augmentation: share of rows mixed with another row's sound, in [0, 1]; 0: none");
   parser.AddInt("noise-min-snr", &t.noise_min_snr_db, "augmentation: lowest SNR of that mix, in dB");
   parser.AddInt("noise-max-snr", &t.noise_max_snr_db, "augmentation: highest SNR of that mix, in dB");
+  parser.AddString("dropout", &config.dropout,
+                   "share of the hidden layers' outputs dropped at each training step, in [0, 1); "
+                   "0: none");
   parser.AddString("hard-filler-share", &config.hard_filler_share,
                    "share of each epoch's filler mined as the hardest frames, in [0, 1]; 0: none");
   parser.AddInt("mining-pool", &t.mining_pool,
@@ -192,6 +195,10 @@ int RunTrain(int argc, char** argv) {
     const double noise = ConvertStringToIntegerOrFloat<double>(config.noise_share);
     if (!(noise >= 0.0 && noise <= 1.0)) {
       return UsageError("train", "--noise-share must be between 0 and 1, not " + config.noise_share);
+    }
+    const double dropout = ConvertStringToIntegerOrFloat<double>(config.dropout);
+    if (!(dropout >= 0.0 && dropout < 1.0)) {
+      return UsageError("train", "--dropout must be at least 0 and below 1, not " + config.dropout);
     }
     if (t.noise_min_snr_db > t.noise_max_snr_db) {
       return UsageError("train", "--noise-min-snr " + std::to_string(t.noise_min_snr_db) +

@@ -68,6 +68,7 @@ Nnet TrainNetwork(const TrainConfig& config, const CorpusSplit& train, const Cor
   options.filler_fraction = ConvertStringToIntegerOrFloat<double>(config.filler_fraction);
   options.hard_filler_share = ConvertStringToIntegerOrFloat<double>(config.hard_filler_share);
   options.noise_share = ConvertStringToIntegerOrFloat<double>(config.noise_share);
+  options.dropout = ConvertStringToIntegerOrFloat<float>(config.dropout);
   options.threads = config.threads;
   return TrainHotwordNetwork(train_frames, &dev_frames, options, progress);
 }

@@ -35,6 +35,7 @@ struct TrainConfig {
   std::string filler_fraction = "0.5";
   std::string hard_filler_share = "0.5";
   std::string noise_share = "0";
+  std::string dropout = "0";
   // Four units: with six, a fast speaker's shortest units lasted fewer
   // frames than the Viterbi searches' minimum per unit, and dev misses were
   // a third higher.

@@ -183,7 +183,7 @@ StageKeys PhraseRun::Keys() const {
       << " hard=" << config_.hard_filler_share << "," << t.mining_pool << "," << t.mining_interval
       << " batch=" << t.batch_size << " augment=" << t.max_bin_shift << ","
       << t.max_masked_bins << "," << t.max_masked_frames << " noise=" << config_.noise_share << ","
-      << t.noise_min_snr_db << "," << t.noise_max_snr_db;
+      << t.noise_min_snr_db << "," << t.noise_max_snr_db << " dropout=" << config_.dropout;
   keys.training = key.str();
   key << " | methods=" << config_.methods << " max-fa=" << config_.max_fa
       << " max-near=" << config_.max_near << " detector=" << d.slide_step << ","

@@ -280,6 +280,8 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       rate = epoch_rate;
       NnetTrainerOptions trainer_options;
       trainer_options.adam.learning_rate = rate;
+      trainer_options.dropout = options.dropout;
+      trainer_options.dropout_seed = options.seed * 1000u + static_cast<uint32>(epoch);
       trainer = std::make_unique<NnetTrainer>(&layers, trainer_options);
     }
     if (options.hard_filler_share > 0.0 && epoch >= first_mining_epoch &&

@@ -64,6 +64,9 @@ struct HotwordTrainerOptions {
   double hard_filler_share = 0.5;
   int32 mining_interval = 3;
   int32 mining_pool = 10;
+  // Share of the hidden layers' outputs dropped at each step
+  // (NnetTrainerOptions::dropout); 0: none.
+  float dropout = 0.0f;
   // Threads that score the mining pool (training itself runs on one).
   int32 threads = 1;
   // Held-out frames scored after each epoch (unit and filler frames alike).

@@ -78,7 +78,11 @@ float CrossEntropy(const MatrixBase& logits, const std::vector<int32>& labels, M
 }  // namespace
 
 NnetTrainer::NnetTrainer(Nnet* nnet, const NnetTrainerOptions& options)
-    : nnet_(nnet), options_(options) {
+    : nnet_(nnet), options_(options), dropout_rng_(options.dropout_seed) {
+  if (!(options.dropout >= 0.0f && options.dropout < 1.0f)) {
+    KESTREL_ERR(kLogFile) << "NnetTrainer: dropout must be in [0, 1), not " << options.dropout
+                          << ".";
+  }
   const int n = nnet->NumComponents();
   if (n == 0 || dynamic_cast<const Softmax*>(&nnet->GetComponent(n - 1)) == nullptr) {
     KESTREL_ERR(kLogFile) << "NnetTrainer: the network must end in <Softmax>, its last "
@@ -141,6 +145,15 @@ void NnetTrainer::ForwardKeepingActivations(const MatrixBase& rows) {
     const int j = i - first_trained_;
     activations_[j + 1].Resize(rows.NumRows(), c.OutputDim(), kUndefined);
     c.Propagate(activations_[j], &activations_[j + 1]);
+    if (options_.dropout > 0.0f && dynamic_cast<const Relu*>(&c) != nullptr) {
+      std::bernoulli_distribution keep(1.0 - options_.dropout);
+      const float scale = 1.0f / (1.0f - options_.dropout);
+      Matrix& out = activations_[j + 1];
+      for (int r = 0; r < out.NumRows(); ++r) {
+        float* y = out.RowData(r);
+        for (int k = 0; k < out.NumCols(); ++k) y[k] = keep(dropout_rng_) ? y[k] * scale : 0.0f;
+      }
+    }
   }
 }
 
@@ -162,6 +175,15 @@ float NnetTrainer::ComputeGradient(const MatrixBase& rows, const std::vector<int
     if (j == 0) break;  // nothing below wants the input gradient
     next_diff_.Resize(rows.NumRows(), c.InputDim(), kUndefined);
     Backpropagate(c, activations_[j], activations_[j + 1], diff_, &next_diff_);
+    // The <Relu>'s kept outputs (the only ones above zero) were scaled by
+    // dropout; the dropped ones already pass no gradient.
+    if (options_.dropout > 0.0f && dynamic_cast<const Relu*>(&c) != nullptr) {
+      const float scale = 1.0f / (1.0f - options_.dropout);
+      for (int r = 0; r < next_diff_.NumRows(); ++r) {
+        float* d = next_diff_.RowData(r);
+        for (int k = 0; k < next_diff_.NumCols(); ++k) d[k] *= scale;
+      }
+    }
     std::swap(diff_, next_diff_);
   }
   return loss;

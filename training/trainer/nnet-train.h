@@ -21,6 +21,7 @@
 #ifndef KESTREL_NNET_NNET_TRAIN_H_
 #define KESTREL_NNET_NNET_TRAIN_H_
 
+#include <random>
 #include <vector>
 
 #include "nnet-adam.h"
@@ -33,6 +34,12 @@ namespace kestrel {
 struct NnetTrainerOptions {
   AdamOptions adam;
   bool train_shift_and_scale = false;  // also update <AddShift> and <Rescale>
+  // Share of each <Relu>'s outputs zeroed at every training step, the rest
+  // scaled by 1 / (1 - dropout) so that the detector runs the network
+  // unchanged. A regulariser: no unit can lean on a few others that happen
+  // to fire for the training voices.
+  float dropout = 0.0f;
+  uint32 dropout_seed = 1;  // the masks' generator; the same seed, the same masks
 };
 
 class NnetTrainer {
@@ -69,7 +76,7 @@ class NnetTrainer {
  private:
   void CheckRows(const MatrixBase& rows) const;
   // Fills activations_[i] with the input of trained component i (the last
-  // one holding the network's output).
+  // one holding the network's output), each <Relu>'s output with dropout.
   void ForwardKeepingActivations(const MatrixBase& rows);
 
   Nnet* nnet_;
@@ -81,6 +88,7 @@ class NnetTrainer {
   std::vector<AdamOptimizer> optimizers_;      // per component (empty if not updated)
   std::vector<Matrix> activations_;
   Matrix diff_, next_diff_;
+  std::mt19937 dropout_rng_;
 };
 
 }  // namespace kestrel
