@@ -176,6 +176,7 @@ TEST(TrainPhraseTest, RefusedPhrasesAndMissingScriptsSayWhy) {
   EXPECT_EQ(2, RunKestrel("train --phrase x --corpus y --out " + Quoted(model)).status);
   const std::pair<std::string, std::string> bad_options[] = {
       {"--hard-filler-share 1.5", "--hard-filler-share must be between 0 and 1, not 1.5"},
+      {"--hard-hotword-share 2", "--hard-hotword-share must be between 0 and 1, not 2"},
       {"--mining-pool 0", "--mining-pool must be at least 1, not 0"},
       {"--unit-edge-frames -1", "--unit-edge-frames must be at least 0, not -1"},
       {"--near-contrast-frames -2", "--near-contrast-frames must be at least 0, not -2"},

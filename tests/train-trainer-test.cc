@@ -19,19 +19,22 @@ namespace {
 // Clips of 60 frames of 4 noisy features; frames 20-29 are unit 1 and 30-39
 // unit 2, each with its own mean, and the rest filler around 0. With
 // `decoy_every`, every so many clips have filler frames 46-55 that look like
-// unit 1 in all features but the last.
+// unit 1 in all features but the last; with `faint_every`, every so many
+// clips say unit 1 faintly, closer to filler.
 void ToyCorpus(int clips, uint32 seed, FeatureSet* features, std::vector<std::vector<int>>* labels,
-               int decoy_every = 0) {
+               int decoy_every = 0, int faint_every = 0) {
   std::mt19937 rng(seed);
   std::normal_distribution<float> noise(0.0f, 0.5f);
-  const float means[4][4] = {{0, 0, 0, 0}, {2, 0, -1, 0}, {0, 2, 0, -1}, {2, 0, -1, 2}};
+  const float means[5][4] = {
+      {0, 0, 0, 0}, {2, 0, -1, 0}, {0, 2, 0, -1}, {2, 0, -1, 2}, {0.7f, 0, -0.3f, 0}};
   for (int c = 0; c < clips; ++c) {
     Matrix m(60, 4);
     std::vector<int> l(60, 0);
     for (int t = 0; t < 60; ++t) {
       l[t] = (t >= 20 && t < 30) ? 1 : (t >= 30 && t < 40) ? 2 : 0;
       const bool decoy = decoy_every > 0 && c % decoy_every == 0 && t >= 46 && t < 56;
-      const float* mean = means[decoy ? 3 : l[t]];
+      const bool faint = faint_every > 0 && c % faint_every == 0 && l[t] == 1;
+      const float* mean = means[decoy ? 3 : faint ? 4 : l[t]];
       for (int d = 0; d < 4; ++d) m(t, d) = mean[d] + noise(rng) + 5.0f;  // offset: normalisation must remove it
     }
     features->Append(m);
@@ -91,6 +94,27 @@ TEST(HotwordTrainer, LearnsToSeparateUnitsFromFiller) {
   EXPECT_GT(static_cast<double>(correct) / total, 0.95);
 }
 
+// Options for the mining tests: one frame per row, no augmentation.
+HotwordTrainerOptions FrameByFrameOptions() {
+  HotwordTrainerOptions options = ToyOptions(8, 6);
+  options.left_context = 0;
+  options.right_context = 0;
+  options.max_masked_frames = 0;
+  return options;
+}
+
+// Mean unit-1 posterior of a network trained with `options` over frames
+// first..first+9 of every 20th clip, where the toy corpus puts its rare frames.
+double RareFramesUnitPosterior(const TrainingFrames& frames, const FeatureSet& set,
+                               const HotwordTrainerOptions& options, int first) {
+  FeatureSet posteriors = ComputePosteriors(TrainHotwordNetwork(frames, nullptr, options, {}), set, 1);
+  double sum = 0.0;
+  for (int c = 0; c < set.NumClips(); c += 20) {
+    for (int t = first; t < first + 10; ++t) sum += posteriors.Frame(c, t)[1];
+  }
+  return sum / (10.0 * ((set.NumClips() + 19) / 20));
+}
+
 // Filler frames that look almost like unit 1 (every feature but the last)
 // are rare: uniformly drawn filler seldom shows them to the network, mining
 // shows them every epoch, so only a network trained with mining learns to
@@ -99,29 +123,36 @@ TEST(HotwordTrainer, MiningTeachesRareDecoysAreFiller) {
   FeatureSet set;
   std::vector<std::vector<int>> labels;
   ToyCorpus(200, 3, &set, &labels, 20);
-  HotwordTrainerOptions options = ToyOptions(8, 6);
-  options.left_context = 0;
-  options.right_context = 0;
-  options.max_masked_frames = 0;
+  HotwordTrainerOptions options = FrameByFrameOptions();
   // A fifth of each epoch is filler, and mining scores all of it.
   options.filler_fraction = 0.2;
   options.mining_pool = 20;
   TrainingFrames frames(&set, labels, MakeSplice(4, options));
   // Decoys sit more than five frames from the units: clear filler.
   EXPECT_EQ(frames.ClearFillerFrames(5).size(), 200u * 30);
-
-  auto decoy_posterior = [&](double hard_share) {
-    options.hard_filler_share = hard_share;
-    FeatureSet posteriors = ComputePosteriors(TrainHotwordNetwork(frames, nullptr, options, {}), set, 1);
-    double sum = 0.0;
-    for (int c = 0; c < 200; c += 20) {
-      for (int t = 46; t < 56; ++t) sum += posteriors.Frame(c, t)[1];
-    }
-    return sum / 100.0;
-  };
-  const double without = decoy_posterior(0.0);
+  options.hard_filler_share = 0.0;
+  const double without = RareFramesUnitPosterior(frames, set, options, 46);
   EXPECT_GT(without, 0.5);
-  EXPECT_LT(decoy_posterior(0.5), without / 2);
+  options.hard_filler_share = 0.5;
+  EXPECT_LT(RareFramesUnitPosterior(frames, set, options, 46), without / 2);
+}
+
+// The mirror image: hotword frames said faintly are rare, and filler mining
+// teaches the network that anything not clearly a unit is filler. Mining
+// the hotword frames it gets most wrong shows it the faint ones every epoch.
+TEST(HotwordTrainer, HotwordMiningKeepsRareFaintUnits) {
+  FeatureSet set;
+  std::vector<std::vector<int>> labels;
+  ToyCorpus(200, 7, &set, &labels, 0, 20);
+  HotwordTrainerOptions options = FrameByFrameOptions();
+  TrainingFrames frames(&set, labels, MakeSplice(4, options));
+  // Two frames at either edge of each 10-frame unit are left out.
+  EXPECT_EQ(frames.ClearUnitFrames(2).size(), 200u * 12);
+  const double without = RareFramesUnitPosterior(frames, set, options, 20);
+  options.hard_hotword_share = 0.03;
+  const double with = RareFramesUnitPosterior(frames, set, options, 20);
+  std::printf("faint unit posterior: without hotword mining %.3f, with %.3f\n", without, with);
+  EXPECT_GT(with, without + 0.02);
 }
 
 // Held-out clips with other clips' filler added in the power domain at
@@ -196,6 +227,12 @@ TEST(TrainingFrames, EpochsBalanceFillerAgainstUnits) {
   for (const FrameRef& f : epoch) filler += frames.Label(f) == 0;
   EXPECT_EQ(epoch.size() - filler, 200u);  // every unit frame
   EXPECT_EQ(filler, 300u);                 // 60% of the epoch
+  // Hard unit frames come on top, and leave the filler as it was.
+  epoch = frames.EpochFrames(0.6, &rng, {}, {{0, 25}, {0, 25}, {1, 31}});
+  EXPECT_EQ(epoch.size(), 503u);
+  EXPECT_EQ(std::count_if(epoch.begin(), epoch.end(),
+                          [](const FrameRef& f) { return f.clip == 0 && f.frame == 25; }),
+            3);
   // Contrast frames are filler that every epoch holds, within its share.
   std::vector<std::vector<int>> marked = labels;
   std::vector<FrameRef> contrast;

@@ -140,6 +140,9 @@ int RunTrain(int argc, char** argv) {
                    "0: none");
   parser.AddString("hard-filler-share", &config.hard_filler_share,
                    "share of each epoch's filler mined as the hardest frames, in [0, 1]; 0: none");
+  parser.AddString("hard-hotword-share", &config.hard_hotword_share,
+                   "hotword frames the network gets most wrong, this share of all of them, "
+                   "trained on twice in each epoch once mining starts, in [0, 1]; 0: none");
   parser.AddInt("mining-pool", &t.mining_pool,
                 "mining: frames scored per hard frame kept");
   parser.AddString("learning-rate", &config.learning_rate, "Adam step size");
@@ -191,6 +194,11 @@ int RunTrain(int argc, char** argv) {
     if (!(hard >= 0.0 && hard <= 1.0)) {
       return UsageError("train", "--hard-filler-share must be between 0 and 1, not " +
                                      config.hard_filler_share);
+    }
+    const double hard_hotword = ConvertStringToIntegerOrFloat<double>(config.hard_hotword_share);
+    if (!(hard_hotword >= 0.0 && hard_hotword <= 1.0)) {
+      return UsageError("train", "--hard-hotword-share must be between 0 and 1, not " +
+                                     config.hard_hotword_share);
     }
     const double noise = ConvertStringToIntegerOrFloat<double>(config.noise_share);
     if (!(noise >= 0.0 && noise <= 1.0)) {

@@ -67,6 +67,7 @@ Nnet TrainNetwork(const TrainConfig& config, const CorpusSplit& train, const Cor
   options.learning_rate = ConvertStringToIntegerOrFloat<float>(config.learning_rate);
   options.filler_fraction = ConvertStringToIntegerOrFloat<double>(config.filler_fraction);
   options.hard_filler_share = ConvertStringToIntegerOrFloat<double>(config.hard_filler_share);
+  options.hard_hotword_share = ConvertStringToIntegerOrFloat<double>(config.hard_hotword_share);
   options.noise_share = ConvertStringToIntegerOrFloat<double>(config.noise_share);
   options.dropout = ConvertStringToIntegerOrFloat<float>(config.dropout);
   options.threads = config.threads;

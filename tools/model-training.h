@@ -34,6 +34,7 @@ struct TrainConfig {
   std::string learning_rate = "0.001";
   std::string filler_fraction = "0.5";
   std::string hard_filler_share = "0.5";
+  std::string hard_hotword_share = "0";
   std::string noise_share = "0";
   std::string dropout = "0";
   // Four units: with six, a fast speaker's shortest units lasted fewer

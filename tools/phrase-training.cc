@@ -180,7 +180,7 @@ StageKeys PhraseRun::Keys() const {
       << " contrast=" << config_.near_contrast_frames << " epochs=" << t.epochs << " hidden=" << t.hidden_dim
       << "x" << t.hidden_layers << " context=" << t.left_context << "," << t.right_context
       << " rate=" << config_.learning_rate << " filler=" << config_.filler_fraction
-      << " hard=" << config_.hard_filler_share << "," << t.mining_pool << "," << t.mining_interval
+      << " hard=" << config_.hard_filler_share << "," << config_.hard_hotword_share << "," << t.mining_pool << "," << t.mining_interval
       << " batch=" << t.batch_size << " augment=" << t.max_bin_shift << ","
       << t.max_masked_bins << "," << t.max_masked_frames << " noise=" << config_.noise_share << ","
       << t.noise_min_snr_db << "," << t.noise_max_snr_db << " dropout=" << config_.dropout;

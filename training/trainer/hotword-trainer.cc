@@ -204,15 +204,19 @@ std::string DevScore(const NnetTrainer& trainer, const TrainingFrames& dev, cons
 // Filler frames this close to a unit or an untrained frame are not mined
 // (see TrainingFrames::ClearFillerFrames).
 constexpr int kMiningGuardFrames = 5;
+// Hotword frames this close to another unit's are not mined (see
+// TrainingFrames::ClearUnitFrames).
+constexpr int kUnitMiningGuardFrames = 2;
 
-// The `count` frames of a random pool of `pool_size` frames of `clear`
-// filler that the network finds most like a hotword unit (the largest
-// 1 - P(filler)). Their mean unit posterior goes to `mean_score`.
-std::vector<FrameRef> MineHardFiller(const NnetTrainer& trainer, const TrainingFrames& train,
-                                     const std::vector<FrameRef>& clear, const Vector& shift,
+// The `count` frames of a random pool of `pool_size` frames of `candidates`
+// that the network gets most wrong: the largest 1 - P(own label), for filler
+// the frames most like a hotword unit, for a unit's frames those least like
+// it. Their mean of that figure goes to `mean_score`.
+std::vector<FrameRef> MineHardFrames(const NnetTrainer& trainer, const TrainingFrames& train,
+                                     const std::vector<FrameRef>& candidates, const Vector& shift,
                                      const Vector& scale, size_t pool_size, size_t count,
                                      int num_threads, std::mt19937* rng, double* mean_score) {
-  const std::vector<FrameRef> pool = RandomFrames(clear, pool_size, rng);
+  const std::vector<FrameRef> pool = RandomFrames(candidates, pool_size, rng);
   pool_size = pool.size();
   count = std::min(count, pool_size);
   constexpr size_t kBatch = 1024;
@@ -227,7 +231,9 @@ std::vector<FrameRef> MineHardFiller(const NnetTrainer& trainer, const TrainingF
       train.MakeBatch(pool, begin, n, &rows, &labels);
       Normalise(shift, scale, &rows);
       trainer.Forward(rows, &posteriors);
-      for (size_t i = 0; i < n; ++i) score[begin + i] = 1.0f - posteriors(static_cast<int>(i), 0);
+      for (size_t i = 0; i < n; ++i) {
+        score[begin + i] = 1.0f - posteriors(static_cast<int>(i), labels[i]);
+      }
     }
   });
   std::vector<size_t> order(pool_size);
@@ -268,7 +274,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
   float rate = -1.0f;
   // Mining starts once the network tells speech from silence.
   const int first_mining_epoch = std::max(2, options.epochs / 3 + 1);
-  std::vector<FrameRef> clear, hard;
+  std::vector<FrameRef> clear, hard, clear_units, hard_units;
   for (int epoch = 1; epoch <= options.epochs; ++epoch) {
     auto start = std::chrono::steady_clock::now();
     // Full step size, then a tenth of it for the last quarter of the epochs:
@@ -293,7 +299,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       const size_t pool_size =
           std::min(clear.size(), count * static_cast<size_t>(std::max(1, options.mining_pool)));
       double mean_score = 0.0;
-      hard = MineHardFiller(*trainer, train, clear, shift, scale, pool_size, count, options.threads,
+      hard = MineHardFrames(*trainer, train, clear, shift, scale, pool_size, count, options.threads,
                             &rng, &mean_score);
       if (progress) {
         std::ostringstream line;
@@ -307,7 +313,29 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
         progress(line.str());
       }
     }
-    std::vector<FrameRef> frames = train.EpochFrames(options.filler_fraction, &rng, hard);
+    if (options.hard_hotword_share > 0.0 && epoch >= first_mining_epoch &&
+        (epoch - first_mining_epoch) % std::max(1, options.mining_interval) == 0) {
+      auto mining_start = std::chrono::steady_clock::now();
+      if (clear_units.empty()) clear_units = train.ClearUnitFrames(kUnitMiningGuardFrames);
+      const size_t count = static_cast<size_t>(std::min(1.0, options.hard_hotword_share) *
+                                               train.UnitFrames().size());
+      double mean_score = 0.0;
+      hard_units = MineHardFrames(*trainer, train, clear_units, shift, scale, clear_units.size(),
+                                  count, options.threads, &rng, &mean_score);
+      if (progress) {
+        std::ostringstream line;
+        line.setf(std::ios::fixed);
+        line.precision(3);
+        line << "mining: the " << hard_units.size() << " hardest of " << clear_units.size()
+             << " hotword frames, mean posterior of their unit " << 1.0 - mean_score;
+        line.precision(0);
+        line << " (" << std::chrono::duration<double>(std::chrono::steady_clock::now() - mining_start).count()
+             << " s)";
+        progress(line.str());
+      }
+    }
+    std::vector<FrameRef> frames =
+        train.EpochFrames(options.filler_fraction, &rng, hard, hard_units);
     double loss = 0.0;
     size_t done = 0;
     for (size_t first = 0; first < frames.size(); first += options.batch_size) {

@@ -62,6 +62,13 @@ struct HotwordTrainerOptions {
   // filler is nearly all easy silence and speech; the false alarms and near
   // phrases that limit the detector are a sliver of it.
   double hard_filler_share = 0.5;
+  // Hard positive mining, at the same passes: the hotword frames away from
+  // unit edges (TrainingFrames::ClearUnitFrames) that the network finds
+  // least like their own unit, this share of all hotword frames, are trained
+  // on a second time in each epoch. Filler mining alone makes the network
+  // wary of every sound it cannot place, and the hotwords it then misses are
+  // the noisy ones and the unusual voices.
+  double hard_hotword_share = 0.0;
   int32 mining_interval = 3;
   int32 mining_pool = 10;
   // Share of the hidden layers' outputs dropped at each step

@@ -55,8 +55,10 @@ size_t TrainingFrames::EpochFillerCount(double filler_fraction) const {
 }
 
 std::vector<FrameRef> TrainingFrames::EpochFrames(double filler_fraction, std::mt19937* rng,
-                                                  const std::vector<FrameRef>& hard) const {
+                                                  const std::vector<FrameRef>& hard,
+                                                  const std::vector<FrameRef>& hard_units) const {
   std::vector<FrameRef> frames = unit_frames_;
+  frames.insert(frames.end(), hard_units.begin(), hard_units.end());
   frames.insert(frames.end(), contrast_frames_.begin(), contrast_frames_.end());
   frames.insert(frames.end(), hard.begin(), hard.end());
   const size_t total = EpochFillerCount(filler_fraction);
@@ -68,17 +70,33 @@ std::vector<FrameRef> TrainingFrames::EpochFrames(double filler_fraction, std::m
   return frames;
 }
 
-std::vector<FrameRef> TrainingFrames::ClearFillerFrames(int guard) const {
+namespace {
+
+// The frames of `from` whose clip holds their own label for `guard` frames
+// either side (clip edges end the check).
+std::vector<FrameRef> FramesAwayFromOtherLabels(const std::vector<FrameRef>& from,
+                                                const std::vector<std::vector<int>>& labels,
+                                                int guard) {
   std::vector<FrameRef> clear;
-  for (const FrameRef& f : filler_frames_) {
-    const std::vector<int>& clip = labels_[f.clip];
+  for (const FrameRef& f : from) {
+    const std::vector<int>& clip = labels[f.clip];
     const int first = std::max(0, f.frame - guard);
     const int last = std::min(static_cast<int>(clip.size()) - 1, f.frame + guard);
     bool near_other = false;
-    for (int t = first; t <= last && !near_other; ++t) near_other = clip[t] != 0;
+    for (int t = first; t <= last && !near_other; ++t) near_other = clip[t] != clip[f.frame];
     if (!near_other) clear.push_back(f);
   }
   return clear;
+}
+
+}  // namespace
+
+std::vector<FrameRef> TrainingFrames::ClearFillerFrames(int guard) const {
+  return FramesAwayFromOtherLabels(filler_frames_, labels_, guard);
+}
+
+std::vector<FrameRef> TrainingFrames::ClearUnitFrames(int guard) const {
+  return FramesAwayFromOtherLabels(unit_frames_, labels_, guard);
 }
 
 void TrainingFrames::MakeBatch(const std::vector<FrameRef>& frames, size_t first, size_t n,

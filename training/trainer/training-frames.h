@@ -51,9 +51,11 @@ class TrainingFrames {
   // `filler_fraction` of the epoch (all of them if there are too few),
   // shuffled. The filler is the contrast frames and `hard` (every frame of
   // them, as often as they are listed), topped up with frames drawn without
-  // replacement from all filler.
+  // replacement from all filler. `hard_units` are unit frames trained on
+  // once more, on top of that.
   std::vector<FrameRef> EpochFrames(double filler_fraction, std::mt19937* rng,
-                                    const std::vector<FrameRef>& hard = {}) const;
+                                    const std::vector<FrameRef>& hard = {},
+                                    const std::vector<FrameRef>& hard_units = {}) const;
   // The number of filler frames EpochFrames puts in an epoch.
   size_t EpochFillerCount(double filler_fraction) const;
 
@@ -62,6 +64,10 @@ class TrainingFrames {
   // milliseconds of labelling only; mining them for hard negatives would
   // push the network against its own units.
   std::vector<FrameRef> ClearFillerFrames(int guard) const;
+  // Unit frames whose label holds for `guard` frames either side: the
+  // engines' phoneme timings are good to a frame or two, so a frame at a unit
+  // edge that the network scores as the next unit is no hard example.
+  std::vector<FrameRef> ClearUnitFrames(int guard) const;
 
   // Rows first..first+n of `frames`, spliced, into `inputs` (n x InputDim())
   // and their labels into `labels`.
