@@ -275,6 +275,18 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
   // Mining starts once the network tells speech from silence.
   const int first_mining_epoch = std::max(2, options.epochs / 3 + 1);
   std::vector<FrameRef> clear, hard, clear_units, hard_units;
+  auto report_mining = [&progress](size_t kept, size_t scored, const char* what, double mean,
+                                   std::chrono::steady_clock::time_point start) {
+    if (!progress) return;
+    std::ostringstream line;
+    line.setf(std::ios::fixed);
+    line.precision(3);
+    line << "mining: the " << kept << " hardest of " << scored << " " << what << mean;
+    line.precision(0);
+    line << " (" << std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count()
+         << " s)";
+    progress(line.str());
+  };
   for (int epoch = 1; epoch <= options.epochs; ++epoch) {
     auto start = std::chrono::steady_clock::now();
     // Full step size, then a tenth of it for the last quarter of the epochs:
@@ -301,17 +313,8 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       double mean_score = 0.0;
       hard = MineHardFrames(*trainer, train, clear, shift, scale, pool_size, count, options.threads,
                             &rng, &mean_score);
-      if (progress) {
-        std::ostringstream line;
-        line.setf(std::ios::fixed);
-        line.precision(3);
-        line << "mining: the " << hard.size() << " hardest of " << pool_size
-             << " filler frames, mean hotword posterior " << mean_score;
-        line.precision(0);
-        line << " (" << std::chrono::duration<double>(std::chrono::steady_clock::now() - mining_start).count()
-             << " s)";
-        progress(line.str());
-      }
+      report_mining(hard.size(), pool_size, "filler frames, mean hotword posterior ", mean_score,
+                    mining_start);
     }
     if (options.hard_hotword_share > 0.0 && epoch >= first_mining_epoch &&
         (epoch - first_mining_epoch) % std::max(1, options.mining_interval) == 0) {
@@ -322,17 +325,8 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       double mean_score = 0.0;
       hard_units = MineHardFrames(*trainer, train, clear_units, shift, scale, clear_units.size(),
                                   count, options.threads, &rng, &mean_score);
-      if (progress) {
-        std::ostringstream line;
-        line.setf(std::ios::fixed);
-        line.precision(3);
-        line << "mining: the " << hard_units.size() << " hardest of " << clear_units.size()
-             << " hotword frames, mean posterior of their unit " << 1.0 - mean_score;
-        line.precision(0);
-        line << " (" << std::chrono::duration<double>(std::chrono::steady_clock::now() - mining_start).count()
-             << " s)";
-        progress(line.str());
-      }
+      report_mining(hard_units.size(), clear_units.size(),
+                    "hotword frames, mean posterior of their unit ", 1.0 - mean_score, mining_start);
     }
     std::vector<FrameRef> frames =
         train.EpochFrames(options.filler_fraction, &rng, hard, hard_units);
