@@ -302,8 +302,10 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       trainer_options.dropout_seed = options.seed * 1000u + static_cast<uint32>(epoch);
       trainer = std::make_unique<NnetTrainer>(&layers, trainer_options);
     }
-    if (options.hard_filler_share > 0.0 && epoch >= first_mining_epoch &&
-        (epoch - first_mining_epoch) % std::max(1, options.mining_interval) == 0) {
+    const bool mining_pass =
+        epoch >= first_mining_epoch &&
+        (epoch - first_mining_epoch) % std::max(1, options.mining_interval) == 0;
+    if (mining_pass && options.hard_filler_share > 0.0) {
       auto mining_start = std::chrono::steady_clock::now();
       if (clear.empty()) clear = train.ClearFillerFrames(kMiningGuardFrames);
       const size_t count = static_cast<size_t>(
@@ -316,8 +318,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       report_mining(hard.size(), pool_size, "filler frames, mean hotword posterior ", mean_score,
                     mining_start);
     }
-    if (options.hard_hotword_share > 0.0 && epoch >= first_mining_epoch &&
-        (epoch - first_mining_epoch) % std::max(1, options.mining_interval) == 0) {
+    if (mining_pass && options.hard_hotword_share > 0.0) {
       auto mining_start = std::chrono::steady_clock::now();
       if (clear_units.empty()) clear_units = train.ClearUnitFrames(kUnitMiningGuardFrames);
       const size_t count = static_cast<size_t>(std::min(1.0, options.hard_hotword_share) *
