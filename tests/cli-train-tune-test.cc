@@ -183,6 +183,9 @@ TEST(TrainPhraseTest, RefusedPhrasesAndMissingScriptsSayWhy) {
       {"--noise-share -0.1", "--noise-share must be between 0 and 1, not -0.1"},
       {"--dropout 1", "--dropout must be at least 0 and below 1, not 1"},
       {"--noise-min-snr 20 --noise-max-snr 5", "--noise-min-snr 20 is above --noise-max-snr 5"},
+      {"--layer-splices '-1,0,1 -2,x'",
+       "--layer-splices \"-1,0,1 -2,x\": \"x\" in \"-2,x\" is not a frame offset"},
+      {"--layer-splices '0,-2'", "--layer-splices \"0,-2\": the offsets \"0,-2\" do not ascend"},
   };
   for (const auto& [options, message] : bad_options) {
     run = RunKestrel("train --corpus y --out " + Quoted(model) + " " + options);

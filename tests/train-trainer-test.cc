@@ -6,6 +6,8 @@
 #include <cmath>
 #include <cstdio>
 #include <random>
+#include <string>
+#include <vector>
 
 #include "feature-set.h"
 #include "hotword-trainer.h"
@@ -60,38 +62,53 @@ TEST(HotwordTrainer, LearnsToSeparateUnitsFromFiller) {
   std::vector<std::vector<int>> train_labels, dev_labels;
   ToyCorpus(40, 1, &train_set, &train_labels);
   ToyCorpus(10, 2, &dev_set, &dev_labels);
-  HotwordTrainerOptions options = ToyOptions(16, 8);
-  options.left_context = 2;
-  options.right_context = 1;
-  options.max_masked_frames = 2;  // a quiet run inside the 4-frame window
-  Splice splice = MakeSplice(4, options);
-  TrainingFrames train(&train_set, train_labels, splice);
-  TrainingFrames dev(&dev_set, dev_labels, splice);
-  EXPECT_EQ(train.NumLabels(), 3);
-  EXPECT_EQ(train.UnitFrames().size(), 40u * 20u);
+  // One layer behind a splice of -2..+1, and two time-delay layers that
+  // reach as far.
+  HotwordTrainerOptions flat = ToyOptions(16, 8);
+  flat.left_context = 2;
+  flat.right_context = 1;
+  flat.max_masked_frames = 2;  // a quiet run inside the 4-frame window
+  HotwordTrainerOptions time_delay = flat;
+  time_delay.hidden_layers = 2;
+  time_delay.layer_splices = {{-1, 0}, {-1, 0, 1}};
+  time_delay.left_context = time_delay.right_context = 0;  // the splices decide
+  for (const HotwordTrainerOptions& options : {flat, time_delay}) {
+    SCOPED_TRACE(options.layer_splices.empty() ? "flat" : "time-delay");
+    Splice splice = MakeSplice(4, options);
+    EXPECT_EQ(splice.Offsets(), (std::vector<int32>{-2, -1, 0, 1}));
+    TrainingFrames train(&train_set, train_labels, splice);
+    TrainingFrames dev(&dev_set, dev_labels, splice);
+    EXPECT_EQ(train.NumLabels(), 3);
+    EXPECT_EQ(train.UnitFrames().size(), 40u * 20u);
 
-  std::vector<std::string> lines;
-  Nnet nnet = TrainHotwordNetwork(train, &dev, options,
-                                  [&lines](const std::string& line) { lines.push_back(line); });
-  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                          [](const std::string& l) { return l.rfind("epoch ", 0) == 0; }),
-            8);
-  EXPECT_EQ(nnet.InputDim(), 4);
-  EXPECT_EQ(nnet.OutputDim(), 3);
-
-  // Streamed through the whole network, held-out frames are labelled right.
-  FeatureSet posteriors = ComputePosteriors(nnet, dev_set, 2);
-  int correct = 0, total = 0;
-  for (int c = 0; c < posteriors.NumClips(); ++c) {
-    ASSERT_EQ(posteriors.NumFrames(c), 60);
-    for (int t = 0; t < 60; ++t) {
-      const float* p = posteriors.Frame(c, t);
-      int best = static_cast<int>(std::max_element(p, p + 3) - p);
-      correct += best == dev_labels[c][t];
-      ++total;
+    std::vector<std::string> lines;
+    Nnet nnet = TrainHotwordNetwork(train, &dev, options,
+                                    [&lines](const std::string& line) { lines.push_back(line); });
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& l) { return l.rfind("epoch ", 0) == 0; }),
+              8);
+    EXPECT_EQ(nnet.InputDim(), 4);
+    EXPECT_EQ(nnet.OutputDim(), 3);
+    int splices = 0;
+    for (int i = 0; i < nnet.NumComponents(); ++i) {
+      splices += dynamic_cast<const Splice*>(&nnet.GetComponent(i)) != nullptr;
     }
+    EXPECT_EQ(splices, options.layer_splices.empty() ? 1 : 2);
+
+    // Streamed through the whole network, held-out frames are labelled right.
+    FeatureSet posteriors = ComputePosteriors(nnet, dev_set, 2);
+    int correct = 0, total = 0;
+    for (int c = 0; c < posteriors.NumClips(); ++c) {
+      ASSERT_EQ(posteriors.NumFrames(c), 60);
+      for (int t = 0; t < 60; ++t) {
+        const float* p = posteriors.Frame(c, t);
+        int best = static_cast<int>(std::max_element(p, p + 3) - p);
+        correct += best == dev_labels[c][t];
+        ++total;
+      }
+    }
+    EXPECT_GT(static_cast<double>(correct) / total, 0.95);
   }
-  EXPECT_GT(static_cast<double>(correct) / total, 0.95);
 }
 
 // Options for the mining tests: one frame per row, no augmentation.

@@ -65,6 +65,39 @@ int TrainFromCorpus(const TrainConfig& config) {
   return kExitOk;
 }
 
+// "-1,0,1 -2,0,2 -8,0": one comma-separated list of ascending frame offsets
+// per hidden layer. False, with `error` saying why, if the text is not that.
+bool ParseLayerSplices(const std::string& text, std::vector<std::vector<int32>>* splices,
+                       std::string* error) {
+  splices->clear();
+  std::istringstream layers(text);
+  std::string layer;
+  while (layers >> layer) {
+    std::vector<int32> offsets;
+    std::istringstream items(layer);
+    std::string item;
+    while (std::getline(items, item, ',')) {
+      try {
+        offsets.push_back(ConvertStringToIntegerOrFloat<int32>(item));
+      } catch (const KestrelError&) {
+        *error = "\"" + item + "\" in \"" + layer + "\" is not a frame offset";
+        return false;
+      }
+      if (offsets.size() > 1 && offsets.back() <= offsets[offsets.size() - 2]) {
+        *error = "the offsets \"" + layer + "\" do not ascend";
+        return false;
+      }
+    }
+    if (offsets.empty()) {
+      *error = "a layer without offsets";
+      return false;
+    }
+    splices->push_back(offsets);
+  }
+  if (splices->empty()) *error = "no layers";
+  return !splices->empty();
+}
+
 }  // namespace
 
 int RunTrain(int argc, char** argv) {
@@ -124,6 +157,11 @@ int RunTrain(int argc, char** argv) {
   parser.AddInt("left-context", &t.left_context, "past feature frames the network sees");
   parser.AddInt("right-context", &t.right_context,
                 "future feature frames the network sees (each adds 10 ms of latency)");
+  std::string layer_splices;
+  parser.AddString("layer-splices", &layer_splices,
+                   "a time-delay network: per hidden layer, the frame offsets it reads from the "
+                   "layer below, e.g. \"-1,0,1 -2,0,2 -4,0,4 -8,0\" (sets the number of hidden "
+                   "layers, and the context is what they reach together)");
   parser.AddString("filler-fraction", &config.filler_fraction,
                    "share of filler frames in each epoch, in (0, 1)");
   parser.AddInt("batch-size", &t.batch_size, "frames per minibatch");
@@ -182,6 +220,13 @@ int RunTrain(int argc, char** argv) {
     return UsageError("train", "--hotword-name \"" + config.hotword_name +
                                    "\" cannot be stored: no '_', control characters or space "
                                    "at either end");
+  }
+  if (!layer_splices.empty()) {
+    std::string error;
+    if (!ParseLayerSplices(layer_splices, &t.layer_splices, &error)) {
+      return UsageError("train", "--layer-splices \"" + layer_splices + "\": " + error);
+    }
+    t.hidden_layers = static_cast<int32>(t.layer_splices.size());
   }
   t.seed = static_cast<uint32>(seed);
   try {

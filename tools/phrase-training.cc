@@ -178,8 +178,13 @@ StageKeys PhraseRun::Keys() const {
   keys.features = key.str();
   key << " | units=" << config_.units << " edges=" << config_.unit_edge_frames
       << " contrast=" << config_.near_contrast_frames << " epochs=" << t.epochs << " hidden=" << t.hidden_dim
-      << "x" << t.hidden_layers << " context=" << t.left_context << "," << t.right_context
-      << " rate=" << config_.learning_rate << " filler=" << config_.filler_fraction
+      << "x" << t.hidden_layers << " context=" << t.left_context << "," << t.right_context;
+  if (!t.layer_splices.empty()) key << " splices=";
+  for (const std::vector<int32>& layer : t.layer_splices) {
+    for (size_t i = 0; i < layer.size(); ++i) key << (i == 0 ? "" : ",") << layer[i];
+    key << ";";
+  }
+  key << " rate=" << config_.learning_rate << " filler=" << config_.filler_fraction
       << " hard=" << config_.hard_filler_share << "," << config_.hard_hotword_share << "," << t.mining_pool << "," << t.mining_interval
       << " batch=" << t.batch_size << " augment=" << t.max_bin_shift << ","
       << t.max_masked_bins << "," << t.max_masked_frames << " noise=" << config_.noise_share << ","

@@ -13,8 +13,10 @@
 #include "nnet/nnet-add-shift.h"
 #include "nnet/nnet-affine-transform.h"
 #include "nnet/nnet-rescale.h"
+#include "nnet/nnet-splice.h"
 #include "nnet-train.h"
 #include "parallel-ranges.h"
+#include "utils/kestrel-log.h"
 
 namespace kestrel {
 namespace {
@@ -47,12 +49,18 @@ void NormalisationOf(const TrainingFrames& train, Vector* shift, Vector* scale) 
   }
 }
 
-// The trained layers: hidden ReLU layers and the softmax output.
+// The trained layers: hidden ReLU layers, each after its splice if it has
+// one, and the softmax output. `input_dim` is a spliced row's for the usual
+// shape, a feature frame's for a time-delay network.
 Nnet InitialLayers(int input_dim, int num_outputs, const HotwordTrainerOptions& options,
                    std::mt19937* rng) {
   Nnet nnet;
   int in = input_dim;
   for (int layer = 0; layer < options.hidden_layers; ++layer) {
+    if (!options.layer_splices.empty() && options.layer_splices[layer] != std::vector<int32>{0}) {
+      nnet.AppendComponent(std::make_unique<Splice>(in, options.layer_splices[layer]));
+      in = nnet.OutputDim();
+    }
     nnet.AppendComponent(RandomAffine(in, options.hidden_dim, true, rng));
     nnet.AppendComponent(std::make_unique<Relu>(options.hidden_dim));
     in = options.hidden_dim;
@@ -253,8 +261,17 @@ std::vector<FrameRef> MineHardFrames(const NnetTrainer& trainer, const TrainingF
 }  // namespace
 
 Splice MakeSplice(int feature_dim, const HotwordTrainerOptions& options) {
+  int32 left = options.left_context, right = options.right_context;
+  if (!options.layer_splices.empty()) {
+    left = right = 0;
+    for (const std::vector<int32>& offsets : options.layer_splices) {
+      if (offsets.empty()) continue;
+      left += std::max(0, -offsets.front());
+      right += std::max(0, offsets.back());
+    }
+  }
   std::vector<int32> offsets;
-  for (int32 o = -options.left_context; o <= options.right_context; ++o) offsets.push_back(o);
+  for (int32 o = -left; o <= right; ++o) offsets.push_back(o);
   return Splice(feature_dim, offsets);
 }
 
@@ -265,9 +282,16 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
   // The layers are trained on normalised rows, without the splice and
   // normalisation in front: the trainer then has no input gradient to
   // propagate below the first layer. They are joined after training.
+  const bool time_delay = !options.layer_splices.empty();
+  if (time_delay && static_cast<int>(options.layer_splices.size()) != options.hidden_layers) {
+    KESTREL_ERR("hotword-trainer") << "layer splices for " << options.layer_splices.size()
+                                   << " layers, but " << options.hidden_layers
+                                   << " hidden layers.";
+  }
   Vector shift, scale;
   NormalisationOf(train, &shift, &scale);
-  Nnet layers = InitialLayers(train.InputDim(), train.NumLabels(), options, &rng);
+  Nnet layers = InitialLayers(time_delay ? train.FeatureDim() : train.InputDim(),
+                              train.NumLabels(), options, &rng);
   Matrix rows;
   std::vector<int32> labels;
   std::unique_ptr<NnetTrainer> trainer;
@@ -300,6 +324,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       trainer_options.adam.learning_rate = rate;
       trainer_options.dropout = options.dropout;
       trainer_options.dropout_seed = options.seed * 1000u + static_cast<uint32>(epoch);
+      trainer_options.threads = options.threads;
       trainer = std::make_unique<NnetTrainer>(&layers, trainer_options);
     }
     const bool mining_pass =
@@ -356,7 +381,15 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
     }
   }
   Nnet nnet;
-  nnet.AppendComponent(train.GetSplice().Copy());
+  if (time_delay) {
+    // Every frame of a row has the same statistics: normalise frames before
+    // the layers' own splices.
+    const int dim = train.FeatureDim();
+    shift.Resize(dim, kCopyData);
+    scale.Resize(dim, kCopyData);
+  } else {
+    nnet.AppendComponent(train.GetSplice().Copy());
+  }
   nnet.AppendComponent(std::make_unique<AddShift>(shift));
   nnet.AppendComponent(std::make_unique<Rescale>(scale));
   for (int i = 0; i < layers.NumComponents(); ++i) nnet.AppendComponent(layers.GetComponent(i).Copy());

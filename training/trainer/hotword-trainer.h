@@ -4,7 +4,10 @@
 //   <Splice> (left..right context) -> <AddShift>, <Rescale> (global mean and
 //   variance normalisation from the training frames) -> hidden layers of
 //   <AffineTransform> + <Relu> -> <AffineTransform> -> <Softmax>,
-// with one output per label (0 = filler, 1..U = hotword units).
+// with one output per label (0 = filler, 1..U = hotword units); or, with
+// layer splices, a time-delay network:
+//   <AddShift>, <Rescale> -> per hidden layer: <Splice> (that layer's
+//   offsets), <AffineTransform> + <Relu> -> <AffineTransform> -> <Softmax>.
 //
 // The layers after the normalisation are trained with the library's own
 // backpropagation and Adam (nnet/nnet-train.h) on class-balanced,
@@ -16,6 +19,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "nnet/nnet.h"
 #include "training-frames.h"
@@ -29,6 +33,14 @@ struct HotwordTrainerOptions {
   int32 right_context = 7;
   int32 hidden_dim = 192;
   int32 hidden_layers = 3;
+  // Time-delay layers: for each hidden layer, the frames (offsets, ascending)
+  // of the layer below, or of the features for the first, that it reads.
+  // Deep layers then see far at a fraction of a wide first layer's cost: each
+  // layer looks a few frames apart at what the layer below has already made
+  // of its own context. Empty: one splice of left..right context in front of
+  // all layers. Otherwise one entry per hidden layer, and the context is the
+  // sum of their reaches (left_context and right_context are not used).
+  std::vector<std::vector<int32>> layer_splices;
   int32 epochs = 12;
   int32 batch_size = 256;
   float learning_rate = 0.001f;  // Adam step size; decays over the last epochs
@@ -74,14 +86,16 @@ struct HotwordTrainerOptions {
   // Share of the hidden layers' outputs dropped at each step
   // (NnetTrainerOptions::dropout); 0: none.
   float dropout = 0.0f;
-  // Threads that score the mining pool (training itself runs on one).
+  // Threads that share each batch and score the mining pool; the trained
+  // network is the same whatever the number.
   int32 threads = 1;
   // Held-out frames scored after each epoch (unit and filler frames alike).
   int32 max_dev_frames = 200000;
   uint32 seed = 1;
 };
 
-// The <Splice> of the network for these options.
+// The splice of the training rows for these options: every frame of the
+// network's context, which for the usual shape is its own first <Splice>.
 Splice MakeSplice(int feature_dim, const HotwordTrainerOptions& options);
 
 // Trains a network on `train` (frames spliced as MakeSplice does), scores it

@@ -6,7 +6,6 @@
 #include "nnet/nnet-add-shift.h"
 #include "nnet/nnet-affine-transform.h"
 #include "nnet/nnet-rescale.h"
-#include "nnet/nnet-splice.h"
 #include "utils/kestrel-log.h"
 #include "utils/kestrel-types.h"
 
@@ -70,31 +69,16 @@ void RescaleBackward(const Rescale& rescale, const MatrixBase& out_diff, MatrixB
   }
 }
 
-// Each input row receives the sum of the output-diff blocks that copied it.
-void SpliceBackward(const Splice& splice, const MatrixBase& in, const MatrixBase& out_diff,
-                    MatrixBase* in_diff) {
-  const int dim = splice.InputDim();
-  const std::vector<int32>& offsets = splice.Offsets();
-  const int64 last = in.NumRows() - 1;
-  in_diff->Set(0.0f);
-  for (int t = 0; t < out_diff.NumRows(); ++t) {
-    const float* dy = out_diff.RowData(t);
-    for (size_t j = 0; j < offsets.size(); ++j) {
-      float* dx = in_diff->RowData(static_cast<int>(std::clamp<int64>(t + offsets[j], 0, last)));
-      for (int c = 0; c < dim; ++c) dx[c] += dy[j * dim + c];
-    }
-  }
-}
-
-// dW += out_diff^T * in, db += column sums of out_diff.
+// dW += out_diff^T * in, db += column sums of out_diff, for outputs
+// [first, end).
 void AffineGradient(const AffineTransform& affine, const MatrixBase& in,
-                    const MatrixBase& out_diff, float* gradient) {
+                    const MatrixBase& out_diff, int first, int end, float* gradient) {
   const int num_in = affine.InputDim();
   float* bias_grad = gradient + affine.OutputDim() * num_in;
   for (int r = 0; r < out_diff.NumRows(); ++r) {
     const float* x = in.RowData(r);
     const float* dy = out_diff.RowData(r);
-    for (int o = 0; o < affine.OutputDim(); ++o) {
+    for (int o = first; o < end; ++o) {
       float* gw = gradient + o * num_in;
       const float g = dy[o];
       for (int i = 0; i < num_in; ++i) gw[i] += g * x[i];
@@ -105,7 +89,7 @@ void AffineGradient(const AffineTransform& affine, const MatrixBase& in,
 
 }  // namespace
 
-void Backpropagate(const Component& component, const MatrixBase& in, const MatrixBase& out,
+void Backpropagate(const Component& component, const MatrixBase& /*in*/, const MatrixBase& out,
                    const MatrixBase& out_diff, MatrixBase* in_diff) {
   if (dynamic_cast<const Relu*>(&component)) {
     ElementwiseBackward(out, out_diff, in_diff,
@@ -124,28 +108,29 @@ void Backpropagate(const Component& component, const MatrixBase& in, const Matri
     in_diff->CopyFromMat(out_diff);
   } else if (const auto* rescale = dynamic_cast<const Rescale*>(&component)) {
     RescaleBackward(*rescale, out_diff, in_diff);
-  } else if (const auto* splice = dynamic_cast<const Splice*>(&component)) {
-    SpliceBackward(*splice, in, out_diff, in_diff);
   } else {
     KESTREL_ERR(kLogFile) << "Backpropagate: no backward pass for " << component.Token() << ".";
   }
 }
 
 void AccumulateGradient(const Component& component, const MatrixBase& in,
-                        const MatrixBase& out_diff, float* gradient) {
+                        const MatrixBase& out_diff, float* gradient, int first_output,
+                        int end_output) {
+  const int first = first_output;
+  const int end = end_output < 0 ? component.OutputDim() : end_output;
   if (const auto* affine = dynamic_cast<const AffineTransform*>(&component)) {
-    AffineGradient(*affine, in, out_diff, gradient);
+    AffineGradient(*affine, in, out_diff, first, end, gradient);
   } else if (dynamic_cast<const AddShift*>(&component)) {
     for (int r = 0; r < out_diff.NumRows(); ++r) {
       const float* dy = out_diff.RowData(r);
-      for (int c = 0; c < out_diff.NumCols(); ++c) gradient[c] += dy[c];
+      for (int c = first; c < end; ++c) gradient[c] += dy[c];
     }
   } else if (dynamic_cast<const Rescale*>(&component)) {
     // d objective / d scale[c] = sum over rows of dy[c] * x[c].
     for (int r = 0; r < out_diff.NumRows(); ++r) {
       const float* x = in.RowData(r);
       const float* dy = out_diff.RowData(r);
-      for (int c = 0; c < out_diff.NumCols(); ++c) gradient[c] += dy[c] * x[c];
+      for (int c = first; c < end; ++c) gradient[c] += dy[c] * x[c];
     }
   }
 }

@@ -1,8 +1,8 @@
-// Backward passes of the network's components, for training. The runtime's
-// components only run forward; these follow each kind's forward pass
-// (nnet-activation.h, nnet-affine-transform.h, ...) and read its parameters
-// through its accessors. Rows are consecutive frames of one utterance, as in
-// Component::Propagate.
+// Backward passes of the network's row-by-row components, for training. The
+// runtime's components only run forward; these follow each kind's forward
+// pass (nnet-activation.h, nnet-affine-transform.h, ...) and read its
+// parameters through its accessors. A <Splice> looks across rows, so the
+// trainer, which knows which frames its rows are, handles it (nnet-train.h).
 //
 // Stateless functions; any thread, on its own matrices.
 #ifndef KESTREL_TRAINING_NNET_BACKPROP_H_
@@ -21,9 +21,13 @@ void Backpropagate(const Component& component, const MatrixBase& in, const Matri
 
 // gradient (component.NumParams() floats, laid out like GetParams) +=
 // d objective / d parameters, given the forward input and out_diff. Nothing
-// for kinds without parameters.
+// for kinds without parameters. Only the parameters of outputs
+// [first_output, end_output) are touched (-1: to the last), each summed over
+// the rows in order, so that threads can share the work over outputs and
+// still give the one-thread result bit for bit.
 void AccumulateGradient(const Component& component, const MatrixBase& in,
-                        const MatrixBase& out_diff, float* gradient);
+                        const MatrixBase& out_diff, float* gradient, int first_output = 0,
+                        int end_output = -1);
 
 }  // namespace kestrel
 

@@ -1,23 +1,35 @@
-// NnetTrainer: trains a network's layers on labelled frames by minimising the
-// cross-entropy of its softmax output, with Adam. Training only: nothing here
+// NnetTrainer: trains a network by minimising the cross-entropy of its
+// softmax output over labelled frames, with Adam. Training only: nothing here
 // runs in the detector.
 //
-// The trained part of the network is every component after the last
-// <Splice> (the whole network if it has none); it must end in <Softmax>.
-// Training works on rows the splice has already produced, so a trainer can
-// splice each utterance once and then shuffle frames across utterances:
+// Each training row is a window of the network's input around the labelled
+// frame: the LeftContext() frames before it, the frame, and the
+// RightContext() frames after it, one after another (RowDim() columns). The
+// window is what the network's <Splice>s reach together, and each layer is
+// computed only at the frames of the window that the layers above it use. So
+// a network whose one splice comes first trains on rows spliced as that splice
+// splices, and a network with splices between its layers (a time-delay
+// network) trains on the same rows, at about the cost of the frames it uses.
+// Rows are independent of each other, so a trainer can shuffle frames across
+// utterances:
 //
 //   NnetTrainer trainer(&nnet, options);
-//   for each utterance: trainer.SpliceUtterance(features, &rows);  // keep rows + labels
-//   for each epoch, for each shuffled batch of rows and labels:
+//   for each epoch, for each shuffled batch of windows and labels:
 //     float loss = trainer.TrainOnBatch(batch_rows, batch_labels);
 //   nnet.Write(...);  // the trained network, ready for the detector
 //
+// Rows repeat an utterance's first and last frames where the window reaches
+// past them, as the detector's first splice does; a later splice repeats its
+// own first input instead, so the detector's output differs from the
+// trainer's in an utterance's first and last few frames only.
+//
 // <AffineTransform> layers are updated; <AddShift> and <Rescale> (feature
 // normalisation, usually computed from data) only if options ask for it.
+// The results do not depend on the number of threads.
 //
 // Borrows the network, which must outlive the trainer and must not be used
-// elsewhere while it trains (its layers change at every step). One thread.
+// elsewhere while it trains (its layers change at every step). Training
+// calls from one thread at a time; the const methods from any number.
 #ifndef KESTREL_NNET_NNET_TRAIN_H_
 #define KESTREL_NNET_NNET_TRAIN_H_
 
@@ -40,22 +52,21 @@ struct NnetTrainerOptions {
   // to fire for the training voices.
   float dropout = 0.0f;
   uint32 dropout_seed = 1;  // the masks' generator; the same seed, the same masks
+  // Threads that share each batch's matrix products.
+  int32 threads = 1;
 };
 
 class NnetTrainer {
  public:
   NnetTrainer(Nnet* nnet, const NnetTrainerOptions& options);
 
-  // The index of the first trained component.
-  int FirstTrainedComponent() const { return first_trained_; }
-  // The input dimension of the trained part: the columns of training rows.
+  // Frames of input each row holds before and after its labelled frame.
+  int LeftContext() const { return left_context_; }
+  int RightContext() const { return right_context_; }
+  // Columns of a training row: (LeftContext() + 1 + RightContext()) input frames.
   int RowDim() const;
 
-  // Runs the components before the trained part over one whole utterance
-  // (`features`: frames x nnet InputDim()), giving one training row per
-  // frame: exactly the rows the streaming network would feed on.
-  void SpliceUtterance(const MatrixBase& features, Matrix* rows) const;
-  // Posteriors of the trained part for `rows` (no streaming state).
+  // Posteriors of the network for `rows`, one row each.
   void Forward(const MatrixBase& rows, Matrix* posteriors) const;
 
   // Mean cross-entropy of `labels` (one unit index per row, from 0) and,
@@ -75,14 +86,24 @@ class NnetTrainer {
 
  private:
   void CheckRows(const MatrixBase& rows) const;
-  // Fills activations_[i] with the input of trained component i (the last
-  // one holding the network's output), each <Relu>'s output with dropout.
-  void ForwardKeepingActivations(const MatrixBase& rows);
+  // Runs components [0, end) over `rows`: (*acts)[i] becomes the input of
+  // component i at its positions_[i] of every row (row r, position k in row
+  // r * positions + k), (*acts)[end] the output of component end - 1. With
+  // `dropout_rng`, each <Relu>'s output has dropout applied.
+  void RunComponents(const MatrixBase& rows, int end, std::mt19937* dropout_rng,
+                     std::vector<Matrix>* acts) const;
 
   Nnet* nnet_;
   NnetTrainerOptions options_;
-  int first_trained_ = 0;
-  std::vector<bool> updated_;                 // per component
+  // positions_[i]: the frames, relative to a row's labelled frame, at which
+  // component i's input is needed (ascending); positions_[n] is {0}.
+  std::vector<std::vector<int>> positions_;
+  // For each <Splice> i: for output position k and offset j, the index in
+  // positions_[i] of the input it copies, at k * offsets + j.
+  std::vector<std::vector<int>> splice_sources_;
+  int left_context_ = 0;
+  int right_context_ = 0;
+  std::vector<bool> updated_;                  // per component
   std::vector<std::vector<float>> gradients_;  // per component
   std::vector<std::vector<float>> params_;     // per updated component
   std::vector<AdamOptimizer> optimizers_;      // per component (empty if not updated)
