@@ -42,21 +42,43 @@ void SoftmaxBackward(const MatrixBase& out, const MatrixBase& out_diff, MatrixBa
   }
 }
 
+// Rows the affine backward passes take at once: each weight (or gradient)
+// row is then read once per block instead of once per row, which is what
+// bounds their speed. Every sum still runs in the one-row order.
+constexpr int kAffineRowBlock = 4;
+
+// in_diff rows first..first+kRows = out_diff rows * W.
+template <int kRows>
+void AffineBackwardRows(const AffineTransform& affine, const MatrixBase& out_diff, int first,
+                        MatrixBase* in_diff) {
+  const int num_in = affine.InputDim();
+  const Matrix& weights = affine.Weights();
+  const float* dy[kRows];
+  float* dx[kRows];
+  for (int k = 0; k < kRows; ++k) {
+    dy[k] = out_diff.RowData(first + k);
+    dx[k] = in_diff->RowData(first + k);
+    std::fill(dx[k], dx[k] + num_in, 0.0f);
+  }
+  for (int o = 0; o < affine.OutputDim(); ++o) {
+    const float* w = weights.RowData(o);
+    float g[kRows];
+    for (int k = 0; k < kRows; ++k) g[k] = dy[k][o];
+    for (int k = 0; k < kRows; ++k) {
+      float* __restrict__ out = dx[k];
+      for (int i = 0; i < num_in; ++i) out[i] += g[k] * w[i];
+    }
+  }
+}
+
 // in_diff = out_diff * W.
 void AffineBackward(const AffineTransform& affine, const MatrixBase& out_diff,
                     MatrixBase* in_diff) {
-  const int num_in = affine.InputDim();
-  const Matrix& weights = affine.Weights();
-  for (int r = 0; r < out_diff.NumRows(); ++r) {
-    const float* dy = out_diff.RowData(r);
-    float* dx = in_diff->RowData(r);
-    std::fill(dx, dx + num_in, 0.0f);
-    for (int o = 0; o < affine.OutputDim(); ++o) {
-      const float* w = weights.RowData(o);
-      const float g = dy[o];
-      for (int i = 0; i < num_in; ++i) dx[i] += g * w[i];
-    }
+  int r = 0;
+  for (; r + kAffineRowBlock <= out_diff.NumRows(); r += kAffineRowBlock) {
+    AffineBackwardRows<kAffineRowBlock>(affine, out_diff, r, in_diff);
   }
+  for (; r < out_diff.NumRows(); ++r) AffineBackwardRows<1>(affine, out_diff, r, in_diff);
 }
 
 void RescaleBackward(const Rescale& rescale, const MatrixBase& out_diff, MatrixBase* in_diff) {
@@ -69,21 +91,43 @@ void RescaleBackward(const Rescale& rescale, const MatrixBase& out_diff, MatrixB
   }
 }
 
+// The gradient of outputs [first, end) from rows row..row+kRows, added row
+// after row.
+template <int kRows>
+void AffineGradientRows(const AffineTransform& affine, const MatrixBase& in,
+                        const MatrixBase& out_diff, int row, int first, int end,
+                        float* gradient) {
+  const int num_in = affine.InputDim();
+  float* bias_grad = gradient + affine.OutputDim() * num_in;
+  const float* x[kRows];
+  const float* dy[kRows];
+  for (int k = 0; k < kRows; ++k) {
+    x[k] = in.RowData(row + k);
+    dy[k] = out_diff.RowData(row + k);
+  }
+  for (int o = first; o < end; ++o) {
+    float* __restrict__ gw = gradient + o * num_in;
+    float g[kRows];
+    for (int k = 0; k < kRows; ++k) g[k] = dy[k][o];
+    for (int i = 0; i < num_in; ++i) {
+      float sum = gw[i];
+      for (int k = 0; k < kRows; ++k) sum += g[k] * x[k][i];
+      gw[i] = sum;
+    }
+    for (int k = 0; k < kRows; ++k) bias_grad[o] += g[k];
+  }
+}
+
 // dW += out_diff^T * in, db += column sums of out_diff, for outputs
 // [first, end).
 void AffineGradient(const AffineTransform& affine, const MatrixBase& in,
                     const MatrixBase& out_diff, int first, int end, float* gradient) {
-  const int num_in = affine.InputDim();
-  float* bias_grad = gradient + affine.OutputDim() * num_in;
-  for (int r = 0; r < out_diff.NumRows(); ++r) {
-    const float* x = in.RowData(r);
-    const float* dy = out_diff.RowData(r);
-    for (int o = first; o < end; ++o) {
-      float* gw = gradient + o * num_in;
-      const float g = dy[o];
-      for (int i = 0; i < num_in; ++i) gw[i] += g * x[i];
-      bias_grad[o] += g;
-    }
+  int r = 0;
+  for (; r + kAffineRowBlock <= out_diff.NumRows(); r += kAffineRowBlock) {
+    AffineGradientRows<kAffineRowBlock>(affine, in, out_diff, r, first, end, gradient);
+  }
+  for (; r < out_diff.NumRows(); ++r) {
+    AffineGradientRows<1>(affine, in, out_diff, r, first, end, gradient);
   }
 }
 
