@@ -263,12 +263,16 @@ std::vector<FrameRef> MineHardFrames(const NnetTrainer& trainer, const TrainingF
 Splice MakeSplice(int feature_dim, const HotwordTrainerOptions& options) {
   int32 left = options.left_context, right = options.right_context;
   if (!options.layer_splices.empty()) {
-    left = right = 0;
+    // The layers' furthest reaches add up; the window always holds the
+    // frame itself.
+    int32 first = 0, last = 0;
     for (const std::vector<int32>& offsets : options.layer_splices) {
-      if (offsets.empty()) continue;
-      left += std::max(0, -offsets.front());
-      right += std::max(0, offsets.back());
+      if (offsets.empty()) KESTREL_ERR("hotword-trainer") << "a layer splice without offsets.";
+      first += offsets.front();
+      last += offsets.back();
     }
+    left = std::max(0, -first);
+    right = std::max(0, last);
   }
   std::vector<int32> offsets;
   for (int32 o = -left; o <= right; ++o) offsets.push_back(o);

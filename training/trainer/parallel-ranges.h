@@ -13,10 +13,15 @@
 namespace kestrel {
 
 // Runs `work(first, end)` over contiguous ranges of [0, n) on up to
-// `num_threads` threads and waits for all; rethrows the first error.
+// `num_threads` threads (the calling one alone if that is 1) and waits for
+// all; rethrows the first error.
 template <class Work>
 void ParallelRanges(int n, int num_threads, const Work& work) {
   num_threads = std::max(1, std::min(num_threads, n));
+  if (num_threads == 1) {  // no thread to start for a single range
+    work(0, n);
+    return;
+  }
   std::vector<std::thread> threads;
   std::exception_ptr error;
   std::mutex mutex;
