@@ -210,7 +210,8 @@ void NnetTrainer::RunComponents(const MatrixBase& rows, int end, std::mt19937* d
       continue;
     }
     // Every other kind works row by row, so threads take blocks of rows.
-    ParallelRanges(out_rows, ThreadsFor(out_rows, kMinRowsPerThread, options_.threads), [&](int first, int last) {
+    const int threads = ThreadsFor(out_rows, kMinRowsPerThread, options_.threads);
+    ParallelRanges(out_rows, threads, [&](int first, int last) {
       SubMatrix block = out.RowRange(first, last - first);
       c.Propagate(in.RowRange(first, last - first), &block);
     });
@@ -249,7 +250,8 @@ float NnetTrainer::ComputeGradient(const MatrixBase& rows, const std::vector<int
       // Threads take blocks of outputs: each parameter is summed over the
       // rows in the same order whatever the thread count.
       const int outputs = c.OutputDim();
-      ParallelRanges(outputs, ThreadsFor(outputs, kMinOutputsPerThread, options_.threads), [&](int first, int last) {
+      const int threads = ThreadsFor(outputs, kMinOutputsPerThread, options_.threads);
+      ParallelRanges(outputs, threads, [&](int first, int last) {
         AccumulateGradient(c, in, diff_, gradients_[i].data(), first, last);
       });
     }
