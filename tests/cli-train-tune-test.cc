@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "model/hotword-model.h"
+#include "nnet/nnet-component.h"
 #include "test-audio.h"
 #include "test-run-command.h"
 #include "test-tone-hotword.h"
@@ -147,12 +149,30 @@ TEST(TrainPhraseTest, StagesResumeAfterTheLastFinishedOneAndRedoWhatWasCutShort)
   EXPECT_EQ(std::string::npos, run.err.find("training: done in an earlier run"));
 
   // From a corpus, the phrase its positives say names the hotword.
-  run = RunKestrel("train --corpus " + Quoted(work + "/corpus") + " --cache-dir " +
-                   Quoted(work + "/features") + " --out " + Quoted(model) +
-                   " --epochs 1 --hidden-dim 16 --hidden-layers 1 --units 2");
+  const std::string from_corpus = "train --corpus " + Quoted(work + "/corpus") + " --cache-dir " +
+                                  Quoted(work + "/features") + " --epochs 1 " +
+                                  "--hidden-dim 16 --hidden-layers 1 --units 2 --out ";
+  run = RunKestrel(from_corpus + Quoted(model));
   ASSERT_EQ(0, run.status) << run.err;
   EXPECT_NE(std::string::npos, RunKestrel("info " + Quoted(model)).out.find(
                                    "hotword 1 \"hey whistle\""));
+  // The same network tuned with its outputs scaled is written scaled, as it
+  // was tuned: its output layer is the unscaled one times 4.
+  const std::string scaled = model + ".scaled";
+  run = RunKestrel(from_corpus + Quoted(scaled) + " --output-scales 4");
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_NE(std::string::npos, run.out.find(", output scale 4, smooth window ")) << run.out;
+  const HotwordModel plain_model = HotwordModel::ReadFile(model);
+  const HotwordModel scaled_model = HotwordModel::ReadFile(scaled);
+  const Component& plain_out = plain_model.nnet.GetComponent(plain_model.nnet.NumComponents() - 2);
+  const Component& scaled_out =
+      scaled_model.nnet.GetComponent(scaled_model.nnet.NumComponents() - 2);
+  std::vector<float> a(plain_out.NumParams()), b(scaled_out.NumParams());
+  plain_out.GetParams(a.data());
+  scaled_out.GetParams(b.data());
+  ASSERT_EQ(a.size(), b.size());
+  for (size_t i = 0; i < a.size(); ++i) EXPECT_EQ(4.0f * a[i], b[i]) << i;
+  fs::remove(scaled);
   fs::remove_all(work);
   fs::remove(model);
 }
@@ -186,6 +206,7 @@ TEST(TrainPhraseTest, RefusedPhrasesAndMissingScriptsSayWhy) {
       {"--layer-splices '-1,0,1 -2,x'",
        "--layer-splices \"-1,0,1 -2,x\": \"x\" in \"-2,x\" is not a frame offset"},
       {"--layer-splices '0,-2'", "--layer-splices \"0,-2\": the offsets \"0,-2\" do not ascend"},
+      {"--output-scales 1,0", "--output-scales must list numbers above 0, not \"1,0\""},
   };
   for (const auto& [options, message] : bad_options) {
     run = RunKestrel("train --corpus y --out " + Quoted(model) + " " + options);

@@ -1,7 +1,7 @@
 // Training support: the components' backward passes and the parameter
 // gradients against numerical derivatives, training on a small separable
-// problem, the trainer's windows against the streaming network, and results
-// that do not depend on the thread count.
+// problem, the trainer's windows against the streaming network, results
+// that do not depend on the thread count, and sharpened outputs.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -14,6 +14,7 @@
 #include "nnet-test-util.h"
 #include "nnet-train.h"
 #include "nnet/nnet.h"
+#include "output-scale.h"
 #include "test-log-capture.h"
 
 namespace kestrel {
@@ -263,6 +264,34 @@ TEST(NnetTrainTest, ThreadsGiveTheOneThreadResultBitForBit) {
   }
   EXPECT_EQ(results[1], results[0]);
   EXPECT_EQ(results[2], results[0]);
+}
+
+TEST(NnetTrainTest, OutputScaleRaisesEachPosteriorToItsPower) {
+  std::mt19937 rng(26);
+  const Matrix features = RandomMatrix(12, 2, &rng);
+  Nnet nnet = EveryKindNnet(&rng);
+  std::vector<FrameInfo> info;
+  Matrix plain, same, sharp;
+  nnet.FlushOutput(features, FrameInfos(0, 12), &plain, &info);
+  Nnet unscaled = ScaleOutputLogits(nnet, 1.0f);
+  unscaled.FlushOutput(features, FrameInfos(0, 12), &same, &info);
+  Nnet sharpened = ScaleOutputLogits(nnet, 2.5f);
+  sharpened.FlushOutput(features, FrameInfos(0, 12), &sharp, &info);
+  for (int r = 0; r < plain.NumRows(); ++r) {
+    double sum = 0.0;
+    for (int k = 0; k < 3; ++k) sum += std::pow(double(plain(r, k)), 2.5);
+    for (int k = 0; k < 3; ++k) {
+      EXPECT_EQ(plain(r, k), same(r, k)) << r;
+      EXPECT_NEAR(sharp(r, k), std::pow(double(plain(r, k)), 2.5) / sum, 1e-5) << r;
+    }
+  }
+  EXPECT_EQ(KESTREL_ERROR_TEXT(ScaleOutputLogits(nnet, 0.0f)),
+            "ScaleOutputLogits: the scale must be above 0, not 0.");
+  Nnet no_softmax;
+  no_softmax.AppendComponent(RandomAffine(2, 2, &rng));
+  EXPECT_EQ(KESTREL_ERROR_TEXT(ScaleOutputLogits(no_softmax, 2.0f)),
+            "ScaleOutputLogits: the network does not end in an <AffineTransform> and a "
+            "<Softmax>.");
 }
 
 TEST(NnetTrainTest, RejectsBadLabelsAndNetworksWithoutSoftmax) {

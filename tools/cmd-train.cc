@@ -4,6 +4,7 @@
 // of the search settings and sensitivity on the held-out split, and the
 // model file.
 #include <chrono>
+#include <cmath>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -186,6 +187,9 @@ int RunTrain(int argc, char** argv) {
   parser.AddString("learning-rate", &config.learning_rate, "Adam step size");
   parser.AddInt("seed", &seed, "random seed (initial weights, sampling, and the corpus)");
   parser.AddString("methods", &config.methods, "search methods to choose from, comma-separated");
+  parser.AddString("output-scales", &config.output_scales,
+                   "factors for the network's output layer to choose from with the search, "
+                   "comma-separated: above 1 sharpens the posteriors, below 1 flattens them");
   parser.AddString("max-fa-per-hour", &config.max_fa,
                    "false alarms per hour allowed on the held-out split");
   parser.AddString("max-near-accept", &config.max_near,
@@ -258,6 +262,15 @@ int RunTrain(int argc, char** argv) {
                                      " is above --noise-max-snr " +
                                      std::to_string(t.noise_max_snr_db));
     }
+    std::vector<float> scales;
+    SplitStringToFloats(config.output_scales, ",", &scales);
+    for (float scale : scales) {
+      if (!(scale > 0.0f) || !std::isfinite(scale)) {
+        return UsageError("train", "--output-scales must list numbers above 0, not \"" +
+                                       config.output_scales + "\"");
+      }
+    }
+    if (scales.empty()) return UsageError("train", "--output-scales names no scale");
     if (t.mining_pool < 1) {
       return UsageError("train", "--mining-pool must be at least 1, not " +
                                      std::to_string(t.mining_pool));

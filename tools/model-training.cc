@@ -4,6 +4,7 @@
 #include <map>
 #include <sstream>
 
+#include "output-scale.h"
 #include "posterior-scan.h"
 #include "training-frames.h"
 #include "utils/kestrel-log.h"
@@ -22,6 +23,14 @@ std::vector<std::vector<int>> LabelsOf(const CorpusSplit& split, const HotwordUn
                                  contrast_frames));
   }
   return labels;
+}
+
+// ", output scale 2" for reports; nothing for the unscaled network.
+std::string OutputScaleLabel(float scale) {
+  if (scale == 1.0f) return "";
+  std::ostringstream label;
+  label << ", output scale " << scale;
+  return label.str();
 }
 
 }  // namespace
@@ -86,16 +95,29 @@ TunedSearch TuneSearch(const TrainConfig& config, const Nnet& nnet, const Corpus
   tuning.max_near_phrase_accept_rate = ConvertStringToIntegerOrFloat<double>(config.max_near);
   SplitStringToIntegers<int32>(config.methods, ",", &tuning.methods);
   if (tuning.methods.empty()) KESTREL_ERR("train") << "--methods names no search method";
-  FeatureSet dev_posteriors = ComputePosteriors(nnet, dev.features, config.threads);
-  std::vector<TunedSearch> tuned =
-      TuneSearchMethods(dev.clips, dev_posteriors, units.unit_seconds, tuning, progress);
+  std::vector<float> scales;
+  SplitStringToFloats(config.output_scales, ",", &scales);
+  if (scales.empty()) KESTREL_ERR("train") << "--output-scales names no scale";
+  std::vector<TunedSearch> tuned;
+  for (float scale : scales) {
+    FeatureSet dev_posteriors =
+        ComputePosteriors(ScaleOutputLogits(nnet, scale), dev.features, config.threads);
+    const std::string label = OutputScaleLabel(scale);
+    for (TunedSearch& t : TuneSearchMethods(dev.clips, dev_posteriors, units.unit_seconds, tuning,
+                                            [&](const std::string& line) {
+                                              progress(line + label);
+                                            })) {
+      t.output_scale = scale;
+      tuned.push_back(std::move(t));
+    }
+  }
   return tuned[BestTunedSearch(tuned)];
 }
 
 void WriteTrainedModel(const TrainConfig& config, const TunedSearch& best, const Nnet& nnet,
                        const std::string& name) {
   HotwordModel model = best.settings;
-  model.nnet = nnet;
+  model.nnet = ScaleOutputLogits(nnet, best.output_scale);
   model.name = config.out;
   model.hotwords[0].name = name;
   model.Check("train");
@@ -118,7 +140,9 @@ std::string TrainedModelReport(const TrainConfig& config, const TunedSearch& bes
   report << "model: " << config.out << " (" << std::filesystem::file_size(config.out)
          << " bytes)" << (name.empty() ? "" : ", hotword \"" + name + "\"") << "\n"
          << "units: " << units.Describe() << "\n"
-         << "search: " << SearchMethodLabel(hw.search_method) << ", smooth window "
+         << "search: " << SearchMethodLabel(hw.search_method)
+         << OutputScaleLabel(best.output_scale)
+         << ", smooth window "
          << best.settings.smooth_window << ", slide window " << best.settings.slide_window
          << ", floors " << SearchFloorsLabel(hw) << ", sensitivity " << hw.sensitivity << "\n"
          << config.dev_split << " at that sensitivity: FRR " << 100.0 * best.point.FalseRejectionRate()

@@ -29,6 +29,8 @@ struct TrainConfig {
   std::string hotword_name;
   // The two best on dev; `kestrel evaluate` compares them all.
   std::string methods = "3,6";
+  // Output scales tried in tuning (ScaleOutputLogits), comma-separated.
+  std::string output_scales = "1";
   std::string max_fa = "0.5";
   std::string max_near = "0.15";
   std::string learning_rate = "0.001";
@@ -65,12 +67,16 @@ CorpusSplit LoadSplit(const TrainConfig& config, const std::string& split,
 Nnet TrainNetwork(const TrainConfig& config, const CorpusSplit& train, const CorpusSplit& dev,
                   const HotwordUnits& units, const ProgressFunction& progress);
 
-// The search settings and sensitivity chosen on `dev` for `nnet`.
+// The search settings, sensitivity and output scale chosen on `dev` for
+// `nnet`: every method of config.methods is tuned at every scale of
+// config.output_scales. A "tune:" progress line follows each method at each
+// scale.
 TunedSearch TuneSearch(const TrainConfig& config, const Nnet& nnet, const CorpusSplit& dev,
                        const HotwordUnits& units, const ProgressFunction& progress);
 
-// Writes best.settings with `nnet` and `name` to config.out, through a
-// temporary file so that an interrupted write leaves no model behind.
+// Writes best.settings with `nnet` (its outputs scaled by best.output_scale)
+// and `name` to config.out, through a temporary file so that an interrupted
+// write leaves no model behind.
 void WriteTrainedModel(const TrainConfig& config, const TunedSearch& best, const Nnet& nnet,
                        const std::string& name);
 

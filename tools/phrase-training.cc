@@ -190,7 +190,8 @@ StageKeys PhraseRun::Keys() const {
       << t.max_masked_bins << "," << t.max_masked_frames << " noise=" << config_.noise_share << ","
       << t.noise_min_snr_db << "," << t.noise_max_snr_db << " dropout=" << config_.dropout;
   keys.training = key.str();
-  key << " | methods=" << config_.methods << " max-fa=" << config_.max_fa
+  key << " | methods=" << config_.methods << " output-scales=" << config_.output_scales
+      << " max-fa=" << config_.max_fa
       << " max-near=" << config_.max_near << " detector=" << d.slide_step << ","
       << d.min_state_frames << "," << d.refractory_frames << " name=" << config_.hotword_name
       << " text=" << config_.text << " out=" << config_.out;
@@ -295,11 +296,14 @@ void PhraseRun::TuneAndWrite(ProgressBar* bar) {
   }
   std::vector<int32> methods;
   SplitStringToIntegers<int32>(config_.methods, ",", &methods);
+  std::vector<float> scales;
+  SplitStringToFloats(config_.output_scales, ",", &scales);
+  const double steps = static_cast<double>(methods.size() * scales.size());
   double tuned = 0.0;
-  bar->Update(0.0, static_cast<double>(methods.size()));
+  bar->Update(0.0, steps);
   const TunedSearch best = TuneSearch(config_, nnet, dev, units, [&](const std::string& line) {
     Log(line);
-    if (line.compare(0, 5, "tune:") == 0) bar->Update(++tuned, static_cast<double>(methods.size()));
+    if (line.compare(0, 5, "tune:") == 0) bar->Update(++tuned, steps);
   });
   WriteTrainedModel(config_, best, nnet, config_.hotword_name);
   std::ofstream report(stamps_.Path("report.txt"), std::ios::trunc);

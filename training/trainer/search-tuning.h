@@ -49,6 +49,9 @@ struct SearchTuningOptions {
 struct TunedSearch {
   HotwordModel settings;  // one hotword, sensitivity included; no network
   OperatingPoint point;           // on the tuning data
+  // The factor the network's outputs were sharpened by before tuning
+  // (ScaleOutputLogits); the settings hold only for the scaled network.
+  float output_scale = 1.0f;
 };
 
 // Settings (no network) for keyword [1..U] (U = unit_seconds.size()) with
