@@ -23,7 +23,7 @@ from wyoming_test_client import FORMAT, MODEL, Server, read_sample, stream_bytes
 VARIANTS = 8  # distinct audio streams; variant k holds the hotword k times
 # RSS after a round settles anywhere in a band of about 5 MiB (which arenas
 # the connection threads happened to use); one detector leaked per
-# connection would add 32 x 3.8 MiB a round.
+# connection would add 32 x 1.9 MiB a round.
 MEMORY_SLACK_KIB = 4096
 MAX_ROUNDS = 5
 
