@@ -4,9 +4,11 @@
 # features, trains the network, chooses the search settings and sensitivity
 # on the held-out split, and writes models/hey-kestrel.kmodel.
 #
-# About 95 minutes on an idle 2-core machine, holding up to 9 GB of memory
-# (measured 5632 s: the train and dev corpus 694 s, features 85 s, training
-# 3857 s, tuning 993 s); the result is the same model byte for byte.
+# About 2 h 20 min on a 2-core machine, the trainer holding up to 5.3 GB of
+# memory (measured 8624 s with the corpus already made, partly beside other
+# jobs: features 30 s, training 7771 s, tuning 820 s; making the train and
+# dev corpus adds about 12 minutes); the result is the same model byte for
+# byte.
 # Environment overrides:
 #   BUILD   build directory (default: build)
 #   CORPUS  corpus directory (default: training/corpus; reused if complete)
