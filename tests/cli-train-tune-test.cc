@@ -172,6 +172,14 @@ TEST(TrainPhraseTest, StagesResumeAfterTheLastFinishedOneAndRedoWhatWasCutShort)
   scaled_out.GetParams(b.data());
   ASSERT_EQ(a.size(), b.size());
   for (size_t i = 0; i < a.size(); ++i) EXPECT_EQ(4.0f * a[i], b[i]) << i;
+  // Training goes on from a model of the same layout; one of another is named.
+  run = RunKestrel(from_corpus + Quoted(scaled) + " --init-model " + Quoted(model));
+  EXPECT_EQ(0, run.status) << run.err;
+  run = RunKestrel(from_corpus + Quoted(scaled) + " --hidden-dim 8 --init-model " + Quoted(model));
+  EXPECT_EQ(1, run.status);
+  EXPECT_NE(std::string::npos,
+            run.err.find(model + ": the network to start from has <AffineTransform> 16 x"))
+      << run.err;
   fs::remove(scaled);
   fs::remove_all(work);
   fs::remove(model);
@@ -194,6 +202,7 @@ TEST(TrainPhraseTest, RefusedPhrasesAndMissingScriptsSayWhy) {
       << run.err;
   EXPECT_EQ(2, RunKestrel("train --out " + Quoted(model)).status);
   EXPECT_EQ(2, RunKestrel("train --phrase x --corpus y --out " + Quoted(model)).status);
+  EXPECT_EQ(2, RunKestrel("train --phrase x --init-model m.kmodel --out " + Quoted(model)).status);
   const std::pair<std::string, std::string> bad_options[] = {
       {"--hard-filler-share 1.5", "--hard-filler-share must be between 0 and 1, not 1.5"},
       {"--hard-hotword-share 2", "--hard-hotword-share must be between 0 and 1, not 2"},

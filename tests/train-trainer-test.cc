@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "hotword-trainer.h"
 #include "hotword-units.h"
 #include "posterior-scan.h"
+#include "test-log-capture.h"
 #include "training-frames.h"
 
 namespace kestrel {
@@ -108,6 +110,27 @@ TEST(HotwordTrainer, LearnsToSeparateUnitsFromFiller) {
       }
     }
     EXPECT_GT(static_cast<double>(correct) / total, 0.95);
+
+    // Going on from the trained network at step size 0 gives it back bit for
+    // bit, normalisation included, after mining at once; one of another
+    // width is refused by name.
+    HotwordTrainerOptions still = options;
+    still.epochs = 1;
+    still.learning_rate = 0.0f;
+    std::ostringstream before, after;
+    nnet.Write(false, &before);
+    lines.clear();
+    TrainHotwordNetwork(train, nullptr, still, [&lines](const std::string& l) { lines.push_back(l); },
+                        &nnet)
+        .Write(false, &after);
+    EXPECT_EQ(after.str(), before.str());
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0].rfind("mining: ", 0), 0u) << lines[0];
+    HotwordTrainerOptions wider = options;
+    wider.hidden_dim = 24;
+    const std::string refused = KESTREL_ERROR_TEXT(TrainHotwordNetwork(train, nullptr, wider, {}, &nnet));
+    EXPECT_NE(refused.find("has <AffineTransform> 16 x"), std::string::npos) << refused;
+    EXPECT_NE(refused.find("make <AffineTransform> 24 x"), std::string::npos) << refused;
   }
 }
 

@@ -142,6 +142,10 @@ int RunTrain(int argc, char** argv) {
   parser.AddString("dev-split", &config.dev_split, "held-out split for scoring and tuning");
   parser.AddString("cache-dir", &config.cache_dir, "where features are cached (default: the corpus)");
   parser.AddString("report", &config.report, "also write the summary to this file");
+  parser.AddString("init-model", &config.init_model,
+                   "with --corpus: go on training this model's network (of the layout the other "
+                   "options give) instead of random weights, mining hard filler from the first "
+                   "epoch");
   parser.AddInt("units", &config.units, "hotword units (network outputs besides the filler)");
   parser.AddInt("unit-edge-frames", &config.unit_edge_frames,
                 "frames left untrained on either side of each unit's edges in the positives");
@@ -204,6 +208,9 @@ int RunTrain(int argc, char** argv) {
     return UsageError("train", "give either --phrase or --corpus");
   }
   if (config.out.empty()) return UsageError("train", "--out is required");
+  if (!config.init_model.empty() && config.corpus.empty()) {
+    return UsageError("train", "--init-model needs --corpus");
+  }
   if (!positional.empty()) return UsageError("train", "unexpected argument \"" + positional[0] + "\"");
   t.epochs = epochs > 0 ? epochs : (phrase.quick ? kQuickEpochs : t.epochs);
   t.hidden_dim = hidden_dim > 0 ? hidden_dim : (phrase.phrase.empty() ? t.hidden_dim : kPhraseHiddenDim);

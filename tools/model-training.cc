@@ -80,7 +80,11 @@ Nnet TrainNetwork(const TrainConfig& config, const CorpusSplit& train, const Cor
   options.noise_share = ConvertStringToIntegerOrFloat<double>(config.noise_share);
   options.dropout = ConvertStringToIntegerOrFloat<float>(config.dropout);
   options.threads = config.threads;
-  return TrainHotwordNetwork(train_frames, &dev_frames, options, progress);
+  if (config.init_model.empty()) return TrainHotwordNetwork(train_frames, &dev_frames, options, progress);
+  const HotwordModel start = HotwordModel::ReadFile(config.init_model, "train");
+  const std::string problem = StartingNetworkProblem(start.nnet, train_frames, options);
+  if (!problem.empty()) KESTREL_ERR("train") << config.init_model << ": " << problem;
+  return TrainHotwordNetwork(train_frames, &dev_frames, options, progress, &start.nnet);
 }
 
 TunedSearch TuneSearch(const TrainConfig& config, const Nnet& nnet, const CorpusSplit& dev,

@@ -25,6 +25,9 @@ struct TrainConfig {
   std::string dev_split = "dev";
   std::string cache_dir;
   std::string report;
+  // A model whose network training goes on from (TrainHotwordNetwork's
+  // `start`); empty: random weights.
+  std::string init_model;
   // Stored in the model; empty: the corpus's phrase (CorpusPhrase).
   std::string hotword_name;
   // The two best on dev; `kestrel evaluate` compares them all.

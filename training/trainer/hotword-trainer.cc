@@ -70,6 +70,58 @@ Nnet InitialLayers(int input_dim, int num_outputs, const HotwordTrainerOptions& 
   return nnet;
 }
 
+// A component as error messages name it: its token, dimensions and, for a
+// splice, its offsets.
+std::string Describe(const Component& c) {
+  std::ostringstream text;
+  text << c.Token() << " " << c.OutputDim() << " x " << c.InputDim();
+  if (const auto* splice = dynamic_cast<const Splice*>(&c)) {
+    text << " at";
+    for (int32 offset : splice->Offsets()) text << " " << offset;
+  }
+  return text.str();
+}
+
+// The whole network these options build on `train`'s rows, with no weights
+// to speak of: what a network to start from must match.
+Nnet ExpectedNetwork(const TrainingFrames& train, const HotwordTrainerOptions& options) {
+  const bool time_delay = !options.layer_splices.empty();
+  const int dim = time_delay ? train.FeatureDim() : train.InputDim();
+  std::mt19937 unused(0);
+  Nnet expected;
+  if (!time_delay) expected.AppendComponent(train.GetSplice().Copy());
+  expected.AppendComponent(std::make_unique<AddShift>(Vector(dim)));
+  expected.AppendComponent(std::make_unique<Rescale>(Vector(dim)));
+  const Nnet layers = InitialLayers(dim, train.NumLabels(), options, &unused);
+  for (int i = 0; i < layers.NumComponents(); ++i) expected.AppendComponent(layers.GetComponent(i).Copy());
+  return expected;
+}
+
+// The trained layers of `start`, which StartingNetworkProblem accepts, and
+// its normalisation spread over a training row as NormalisationOf spreads
+// the training frames' own.
+Nnet StartingLayers(const Nnet& start, const TrainingFrames& train,
+                    const HotwordTrainerOptions& options, Vector* shift, Vector* scale) {
+  const std::string problem = StartingNetworkProblem(start, train, options);
+  if (!problem.empty()) KESTREL_ERR("hotword-trainer") << problem;
+  const int first_layer = options.layer_splices.empty() ? 3 : 2;
+  const Component& start_shift = start.GetComponent(first_layer - 2);
+  const Component& start_scale = start.GetComponent(first_layer - 1);
+  const int dim = start_shift.NumParams();
+  std::vector<float> shift_values(dim), scale_values(dim);
+  start_shift.GetParams(shift_values.data());
+  start_scale.GetParams(scale_values.data());
+  shift->Resize(train.InputDim());
+  scale->Resize(train.InputDim());
+  for (int i = 0; i < train.InputDim(); ++i) {
+    (*shift)(i) = shift_values[i % dim];
+    (*scale)(i) = scale_values[i % dim];
+  }
+  Nnet layers;
+  for (int i = first_layer; i < start.NumComponents(); ++i) layers.AppendComponent(start.GetComponent(i).Copy());
+  return layers;
+}
+
 // Normalises minibatch rows in place, as the network's <AddShift> and
 // <Rescale> will.
 void Normalise(const Vector& shift, const Vector& scale, Matrix* rows) {
@@ -279,9 +331,24 @@ Splice MakeSplice(int feature_dim, const HotwordTrainerOptions& options) {
   return Splice(feature_dim, offsets);
 }
 
+std::string StartingNetworkProblem(const Nnet& start, const TrainingFrames& train,
+                                   const HotwordTrainerOptions& options) {
+  const Nnet expected = ExpectedNetwork(train, options);
+  for (int i = 0; i < std::max(start.NumComponents(), expected.NumComponents()); ++i) {
+    const std::string want = i < expected.NumComponents() ? Describe(expected.GetComponent(i)) : "nothing";
+    const std::string got = i < start.NumComponents() ? Describe(start.GetComponent(i)) : "nothing";
+    if (want != got) {
+      return "the network to start from has " + got + " as component " + std::to_string(i + 1) +
+             ", where these options make " + want;
+    }
+  }
+  return "";
+}
+
 Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
                          const HotwordTrainerOptions& options,
-                         const std::function<void(const std::string&)>& progress) {
+                         const std::function<void(const std::string&)>& progress,
+                         const Nnet* start) {
   std::mt19937 rng(options.seed);
   // The layers are trained on normalised rows, without the splice and
   // normalisation in front: the trainer then has no input gradient to
@@ -293,15 +360,20 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
                                    << " hidden layers.";
   }
   Vector shift, scale;
-  NormalisationOf(train, &shift, &scale);
-  Nnet layers = InitialLayers(time_delay ? train.FeatureDim() : train.InputDim(),
-                              train.NumLabels(), options, &rng);
+  Nnet layers;
+  if (start != nullptr) {
+    layers = StartingLayers(*start, train, options, &shift, &scale);
+  } else {
+    NormalisationOf(train, &shift, &scale);
+    layers = InitialLayers(time_delay ? train.FeatureDim() : train.InputDim(), train.NumLabels(),
+                           options, &rng);
+  }
   Matrix rows;
   std::vector<int32> labels;
   std::unique_ptr<NnetTrainer> trainer;
   float rate = -1.0f;
   // Mining starts once the network tells speech from silence.
-  const int first_mining_epoch = std::max(2, options.epochs / 3 + 1);
+  const int first_mining_epoch = start != nullptr ? 1 : std::max(2, options.epochs / 3 + 1);
   std::vector<FrameRef> clear, hard, clear_units, hard_units;
   auto report_mining = [&progress](size_t kept, size_t scored, const char* what, double mean,
                                    std::chrono::steady_clock::time_point start) {

@@ -98,12 +98,27 @@ struct HotwordTrainerOptions {
 // network's context, which for the usual shape is its own first <Splice>.
 Splice MakeSplice(int feature_dim, const HotwordTrainerOptions& options);
 
+// Why `start` cannot be trained on as TrainHotwordNetwork's `start` (the
+// first component that differs from the network `options` build on
+// `train`'s rows), or "" when it can.
+std::string StartingNetworkProblem(const Nnet& start, const TrainingFrames& train,
+                                   const HotwordTrainerOptions& options);
+
 // Trains a network on `train` (frames spliced as MakeSplice does), scores it
 // on `dev` (may be null) after every epoch, and returns the whole network,
 // splice and normalisation included.
+//
+// With `start`, a network this function returned for rows of the same shape
+// and options of the same layout (splices, widths, outputs), training goes on
+// from its weights and keeps its normalisation, and filler mining starts in
+// the first epoch: a change to the data or the augmentation can then be
+// judged against the same network trained on as before, without the spread
+// between random starts. A network of another layout is an error naming the
+// first component that differs.
 Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
                          const HotwordTrainerOptions& options,
-                         const std::function<void(const std::string&)>& progress);
+                         const std::function<void(const std::string&)>& progress,
+                         const Nnet* start = nullptr);
 
 }  // namespace kestrel
 
