@@ -26,7 +26,7 @@ struct TrainConfig {
   std::string cache_dir;
   std::string report;
   // A model whose network training goes on from (TrainHotwordNetwork's
-  // `start`); empty: random weights.
+  // `start_from`); empty: random weights.
   std::string init_model;
   // Stored in the model; empty: the corpus's phrase (CorpusPhrase).
   std::string hotword_name;

@@ -348,7 +348,7 @@ std::string StartingNetworkProblem(const Nnet& start, const TrainingFrames& trai
 Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
                          const HotwordTrainerOptions& options,
                          const std::function<void(const std::string&)>& progress,
-                         const Nnet* start) {
+                         const Nnet* start_from) {
   std::mt19937 rng(options.seed);
   // The layers are trained on normalised rows, without the splice and
   // normalisation in front: the trainer then has no input gradient to
@@ -361,8 +361,8 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
   }
   Vector shift, scale;
   Nnet layers;
-  if (start != nullptr) {
-    layers = StartingLayers(*start, train, options, &shift, &scale);
+  if (start_from != nullptr) {
+    layers = StartingLayers(*start_from, train, options, &shift, &scale);
   } else {
     NormalisationOf(train, &shift, &scale);
     layers = InitialLayers(time_delay ? train.FeatureDim() : train.InputDim(), train.NumLabels(),
@@ -373,7 +373,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
   std::unique_ptr<NnetTrainer> trainer;
   float rate = -1.0f;
   // Mining starts once the network tells speech from silence.
-  const int first_mining_epoch = start != nullptr ? 1 : std::max(2, options.epochs / 3 + 1);
+  const int first_mining_epoch = start_from != nullptr ? 1 : std::max(2, options.epochs / 3 + 1);
   std::vector<FrameRef> clear, hard, clear_units, hard_units;
   auto report_mining = [&progress](size_t kept, size_t scored, const char* what, double mean,
                                    std::chrono::steady_clock::time_point start) {

@@ -98,7 +98,7 @@ struct HotwordTrainerOptions {
 // network's context, which for the usual shape is its own first <Splice>.
 Splice MakeSplice(int feature_dim, const HotwordTrainerOptions& options);
 
-// Why `start` cannot be trained on as TrainHotwordNetwork's `start` (the
+// Why `start` cannot be trained on as TrainHotwordNetwork's `start_from` (the
 // first component that differs from the network `options` build on
 // `train`'s rows), or "" when it can.
 std::string StartingNetworkProblem(const Nnet& start, const TrainingFrames& train,
@@ -108,7 +108,7 @@ std::string StartingNetworkProblem(const Nnet& start, const TrainingFrames& trai
 // on `dev` (may be null) after every epoch, and returns the whole network,
 // splice and normalisation included.
 //
-// With `start`, a network this function returned for rows of the same shape
+// With `start_from`, a network this function returned for rows of the same shape
 // and options of the same layout (splices, widths, outputs), training goes on
 // from its weights and keeps its normalisation, and filler mining starts in
 // the first epoch: a change to the data or the augmentation can then be
@@ -118,7 +118,7 @@ std::string StartingNetworkProblem(const Nnet& start, const TrainingFrames& trai
 Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
                          const HotwordTrainerOptions& options,
                          const std::function<void(const std::string&)>& progress,
-                         const Nnet* start = nullptr);
+                         const Nnet* start_from = nullptr);
 
 }  // namespace kestrel
 
