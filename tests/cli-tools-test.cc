@@ -17,8 +17,6 @@
 namespace kestrel {
 namespace {
 
-std::string Quoted(const std::string& path) { return "'" + path + "'"; }
-
 TEST(KestrelCommandTest, HelpNamesTheCommands) {
   CommandResult result = RunKestrel("--help");
   EXPECT_EQ(0, result.status);
@@ -90,15 +88,6 @@ TEST(KestrelCommandTest, FeaturesWritesTheFilterbankOutputAsNpy) {
   std::vector<float> written(expected.size());
   std::memcpy(written.data(), bytes.data() + 128, written.size() * 4);  // little-endian host
   EXPECT_EQ(expected, written);
-
-  WaveLayout hifi;
-  hifi.format = 3;
-  hifi.bits = 32;
-  hifi.rate = 96000;
-  WriteBytes(wav, WaveBytes(std::string(64, '\0'), hifi));
-  const CommandResult refused = RunKestrel("features " + Quoted(wav) + " " + Quoted(npy));
-  EXPECT_EQ(1, refused.status);
-  EXPECT_NE(std::string::npos, refused.err.find("96000 Hz, 1 channel, 32-bit float"));
 }
 
 class DetectCommandTest : public testing::Test {
@@ -161,30 +150,26 @@ std::string JsonField(const std::string& line, const std::string& key) {
   return line.substr(begin, line.find_first_of(",}", begin) - begin);
 }
 
+// The step scores themselves are checked in facade-hotword-detector-test.cc.
 TEST_F(DetectCommandTest, ScoresPrintEveryStepAndMarkTheDetections) {
   const std::string whistles = "'" + TempPath("whistles.wav") + "'";
-  const CommandResult json = RunKestrel(Detect("--json " + whistles));
+  const std::vector<std::string> detections = RunKestrel(Detect("--json " + whistles)).OutLines();
   const CommandResult scores = RunKestrel(Detect("--scores --hotword-names=whistle " + whistles));
   ASSERT_EQ(0, scores.status) << scores.err;
-  const std::vector<std::string> detections = json.OutLines(), steps = scores.OutLines();
-  ASSERT_EQ(2u, detections.size()) << json.out;
+  ASSERT_EQ(2u, detections.size());
   // 8 s of 10 ms steps, less those a detection drops.
+  const std::vector<std::string> steps = scores.OutLines();
   EXPECT_NEAR(800.0, static_cast<double>(steps.size()), 40.0);
   std::vector<std::string> marked;
   for (const std::string& line : steps) {
-    ASSERT_EQ(0u, line.find("{\"file\": " + JsonField(detections[0], "file") + ", \"time\": "))
-        << line;
-    EXPECT_EQ("\"whistle\"", JsonField(line, "name"));
-    const double score = std::stod(JsonField(line, "score"));
-    EXPECT_TRUE(score >= 0.0 && score <= 1.0) << line;
+    EXPECT_EQ("\"whistle\"", JsonField(line, "name")) << line;
     if (JsonField(line, "detected") == "true") marked.push_back(line);
   }
   ASSERT_EQ(2u, marked.size());
   for (int i = 0; i < 2; ++i) {
-    for (const char* key : {"time", "sample", "hotword", "score"}) {
+    for (const char* key : {"file", "time", "sample", "hotword", "score"}) {
       EXPECT_EQ(JsonField(detections[i], key), JsonField(marked[i], key)) << key;
     }
-    EXPECT_GE(std::stod(JsonField(marked[i], "score")), 0.5);
   }
 }
 
@@ -238,11 +223,8 @@ TEST(DetectSampleTest, FindsTheHotwordInTheSampleAtOtherRatesFormatsAndChannels)
 }
 
 TEST_F(DetectCommandTest, AFailingInputIsReportedInOneLineAndTheRestStillRun) {
-  WaveLayout hifi;
-  hifi.rate = 96000;
-  hifi.channels = 2;
   const std::string bad = TempPath("hifi.wav"), whistles = TempPath("whistles.wav");
-  WriteBytes(bad, WaveBytes(std::string(400, '\0'), hifi));
+  WriteBytes(bad, WaveBytes(std::string(400, '\0'), WaveLayout(96000, 2)));
   CommandResult result = RunKestrel(Detect("'" + bad + "' '" + whistles + "'"));
   EXPECT_EQ(1, result.status);
   EXPECT_EQ(2u, result.OutLines().size());

@@ -85,15 +85,21 @@ struct Harness {
   int signal = 0;
 };
 
+// "file:line function text" of the error `f` throws.
+template <class F>
+std::string ErrorWithOrigin(F f) {
+  LogCapture capture;
+  try {
+    f();
+  } catch (const KestrelError& e) {
+    return e.file() + ":" + std::to_string(e.line()) + " " + e.function() + " " + e.what();
+  }
+  return "no error";
+}
+
 TEST(DetectConstructionTest, BadOptionsFailWithTheirFixedOrigin) {
   auto origin_and_text = [](const UniversalDetectStreamOptions& options) {
-    LogCapture capture;
-    try {
-      UniversalDetectStream det(options);
-    } catch (const KestrelError& e) {
-      return e.file() + ":" + std::to_string(e.line()) + " " + e.function() + " " + e.what();
-    }
-    return std::string("no error");
+    return ErrorWithOrigin([&] { UniversalDetectStream det(options); });
   };
   const std::string origin =
       "kestrel::UniversalDetectStream::UniversalDetectStream(const "
@@ -136,7 +142,6 @@ TEST(DetectModelReadTest, OptionalGroupsInEveryCombinationAndHotwordsNumberAcros
   EXPECT_EQ(16, det.NumHotwords(1));
   EXPECT_EQ((std::vector<int32>{1, 2}), (std::vector<int32>{det.HotwordId(0, 0), det.HotwordId(0, 1)}));
   EXPECT_EQ(18, det.HotwordId(1, 15));
-  EXPECT_EQ(10, det.SlideWindow(0));
 
   const std::string text = WrittenText(det, dir);
   // The mask spreads 4 units over a window of 10, truncating; an empty
@@ -159,8 +164,8 @@ TEST(DetectModelReadTest, MalformedFilesFailNamingWhatIsWrong) {
   TestDir dir;
   const std::string path = dir.Path("bad");
   const std::string in_hotword = "UniversalDetectStream: model file \"" + path + "\", hotword 1: ";
-  auto error_for = [&dir](const TestModel& model) {
-    return KESTREL_ERROR_TEXT(UniversalDetectStream det(Options(dir.WriteModel("bad", model))));
+  auto error_for_text = [&dir](const std::string& text) {
+    return KESTREL_ERROR_TEXT(UniversalDetectStream det(Options(dir.WriteFile("bad", text))));
   };
   // A hotword with a search group, or without one but with <SearchMax>.
   auto with = [](std::vector<int32> keyword, std::optional<TestSearchGroup> search) {
@@ -185,48 +190,27 @@ TEST(DetectModelReadTest, MalformedFilesFailNamingWhatIsWrong) {
        in_hotword + "<Kw> is empty; only search method 1 accepts an empty keyword, got method 3."},
   };
   for (const auto& [hotword, error] : cases) {
-    TestModel model;
-    model.hotwords = {hotword};
-    EXPECT_EQ(error, error_for(model));
+    EXPECT_EQ(error, error_for_text(TestModelText({1, 100, {hotword}, 3, ""})));
   }
   const std::string header = "<UniversalModel> <KwInfo> <SmoothWindow> 1 <SlideWindow> 9 ";
   EXPECT_EQ("UniversalDetectStream: model file \"" + path +
                 "\": <NumKws> is -1, expected 0 or more hotwords.",
-            KESTREL_ERROR_TEXT(UniversalDetectStream det(
-                Options(dir.WriteFile("bad", header + "<NumKws> -1 </KwInfo>")))));
+            error_for_text(header + "<NumKws> -1 </KwInfo>"));
   // A huge count fails at its first missing record, without allocating for it.
   EXPECT_EQ("Expected token \"<Kw>\", got instead \"</KwInfo>\".",
-            KESTREL_ERROR_TEXT(UniversalDetectStream det(
-                Options(dir.WriteFile("bad", header + "<NumKws> 2000000000 </KwInfo>")))));
+            error_for_text(header + "<NumKws> 2000000000 </KwInfo>"));
   // Names after the network: one per hotword, closed.
-  TestModel one;
-  one.hotwords = {TestHotword({0, 1})};
-  const std::string named = TestModelText(one) + "<HotwordNames> ";
+  const std::string named =
+      TestModelText({1, 100, {TestHotword({0, 1})}, 3, ""}) + "<HotwordNames> ";
   EXPECT_EQ("UniversalDetectStream: model file \"" + path + "\": <HotwordNames> must give one "
             "name for each of the 1 hotwords, not a count of 0.",
-            KESTREL_ERROR_TEXT(UniversalDetectStream det(
-                Options(dir.WriteFile("bad", named + "0 </HotwordNames>")))));
+            error_for_text(named + "0 </HotwordNames>"));
   EXPECT_EQ("UniversalDetectStream: model file \"" + path + "\": <HotwordNames> of 1 names ends "
             "with \"\" instead of </HotwordNames>.",
-            KESTREL_ERROR_TEXT(UniversalDetectStream det(
-                Options(dir.WriteFile("bad", named + "1 hey")))));
+            error_for_text(named + "1 hey"));
 }
 
-TEST(DetectModelWriteTest, WritingBackKeepsTheHotwordNames) {
-  TestDir dir;
-  TestModel one;
-  one.hotwords = {TestHotword({0, 1})};
-  const std::string path =
-      dir.WriteFile("named", TestModelText(one) + "<HotwordNames> 1 hey_computer </HotwordNames>");
-  UniversalDetectStreamOptions options = Options(path);
-  options.sensitivity_str = "0.25";
-  UniversalDetectStream(options).UpdateModel();
-  const HotwordModel back = HotwordModel::ReadFile(path);
-  EXPECT_EQ("hey computer", back.hotwords[0].name);
-  EXPECT_EQ(0.25f, back.hotwords[0].sensitivity);
-}
-
-TEST(DetectModelWriteTest, RoundTripsThroughBinaryAndText) {
+TEST(DetectModelWriteTest, RoundTripsThroughBinaryAndTextKeepingTheNames) {
   TestDir dir;
   TestModel model;
   model.smooth_window = 4;
@@ -234,7 +218,9 @@ TEST(DetectModelWriteTest, RoundTripsThroughBinaryAndText) {
   model.hotwords[1].search = TestSearchGroup{7, 1, {0, 30}, {0.25f}};
   model.hotwords[1].passes = std::make_pair(3, 4);
   TestModel empty;  // no hotwords: loaded and written like any other
-  const std::string model_str = WriteModels(dir, {model, empty});
+  const std::string model_str = JoinModelPaths(
+      {dir.WriteFile("m0", TestModelText(model) + "<HotwordNames> 2 hey_computer b </HotwordNames>"),
+       dir.WriteModel("m1", empty)});
   UniversalDetectStreamOptions options = Options(model_str);
   options.sensitivity_str = "0.125,0.375";  // saved with the model
   UniversalDetectStream original(options);
@@ -244,6 +230,7 @@ TEST(DetectModelWriteTest, RoundTripsThroughBinaryAndText) {
   const std::string binary = ReadFileBytes(dir.Path("m0"));
   ASSERT_GE(binary.size(), 2u);
   EXPECT_EQ(std::string("\0B", 2), binary.substr(0, 2));
+  EXPECT_EQ("hey computer", HotwordModel::ReadFile(dir.Path("m0")).hotwords[0].name);
   UniversalDetectStream reloaded(Options(model_str));
   EXPECT_EQ(text, WrittenText(reloaded, dir));
   EXPECT_EQ("0.125, 0.125", reloaded.GetSensitivity());
@@ -467,16 +454,10 @@ TEST(DetectReadTest, MisconfiguredStageFailsTheRead) {
   model.hotwords[1].search = TestSearchGroup{9, 0, {0, 10}, {0.1f}};
   Harness h({model});
   h.Push({.9f});
-  LogCapture capture;
-  try {
-    h.Read();
-    FAIL();
-  } catch (const KestrelError& e) {
-    EXPECT_STREQ("UniversalDetectStream: search method has not been implemented.", e.what());
-    EXPECT_EQ(529, e.line());
-    EXPECT_EQ("float kestrel::UniversalDetectStream::GetHotwordPosterior(kestrel::int32, "
-              "kestrel::int32, kestrel::int32)", e.function());
-  }
+  EXPECT_EQ("universal-detect-stream:529 float kestrel::UniversalDetectStream::GetHotwordPosterior("
+            "kestrel::int32, kestrel::int32, kestrel::int32) UniversalDetectStream: search method "
+            "has not been implemented.",
+            ErrorWithOrigin([&] { h.Read(); }));
   EXPECT_FLOAT_EQ(0.9f, h.Probe(0, 0));  // what the call changed stays changed
 
   h.det->SetSlideWindowSize("");

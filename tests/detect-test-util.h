@@ -97,22 +97,13 @@ inline std::string TestModelText(const TestModel& model) {
   return os.str();
 }
 
-// A fresh directory in the test temporary directory, removed with everything
-// in it when the object ends.
+// A fresh directory of its own in the test temporary directory (which goes
+// when the process ends).
 class TestDir {
  public:
-  TestDir() {
-    static std::atomic<int> counter{0};
-    path_ = TempPath("dir-" + std::to_string(counter++));
+  TestDir() : path_(TempPath("dir-" + std::to_string(counter_++))) {
     std::filesystem::create_directories(path_);
   }
-  ~TestDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TestDir(const TestDir&) = delete;
-  TestDir& operator=(const TestDir&) = delete;
-
   std::string Path(const std::string& name) const { return (path_ / name).string(); }
 
   // Writes `contents` to the file `name` and returns its path.
@@ -125,6 +116,7 @@ class TestDir {
   }
 
  private:
+  static inline std::atomic<int> counter_{0};
   std::filesystem::path path_;
 };
 

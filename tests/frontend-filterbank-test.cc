@@ -14,6 +14,7 @@
 #include "frontend/resampler.h"
 #include "frontend/wave-reader.h"
 #include "frontend/wave-source-stream.h"
+#include "nnet-test-util.h"
 #include "test-audio.h"
 #include "test-log-capture.h"
 
@@ -54,21 +55,12 @@ std::vector<std::vector<double>> ReferenceFeatures(const std::vector<int16_t>& a
   return features;
 }
 
-struct Output {
-  std::vector<std::vector<float>> rows;
-  std::vector<int32> ids;
-};
-
 // One Read of the filterbank, appended to `out`; returns the signal word.
-int ReadInto(FilterbankStream* filterbank, Output* out) {
+int ReadInto(FilterbankStream* filterbank, Outputs* out) {
   Matrix data;
   std::vector<FrameInfo> info;
   const int signal = filterbank->Read(&data, &info);
-  EXPECT_EQ(static_cast<size_t>(data.NumRows()), info.size());
-  for (int r = 0; r < data.NumRows(); ++r) {
-    out->rows.emplace_back(data.RowData(r), data.RowData(r) + data.NumCols());
-    out->ids.push_back(info[r].frame_id);
-  }
+  out->Append(data, info);
   return signal;
 }
 
@@ -97,7 +89,7 @@ TEST(FilterbankTest, MatchesStraightforwardComputationHoweverChunked) {
     Chain chain, one_sample;
     chain.source.Push(audio.data(), audio.size());
     chain.source.MarkEnd();
-    Output out, trickled;
+    Outputs out, trickled;
     while (!(ReadInto(&chain.filterbank, &out) & kSignalFlush)) {
     }
     const auto expected = ReferenceFeatures(audio);
@@ -125,7 +117,7 @@ TEST(FilterbankTest, FlushAndResetDropThePartialFrameButFrameIdsRunOn) {
   FilterbankStream& filterbank = chain.filterbank;
   source.Push(audio.data(), 1000);  // four frames and 120 spare samples
   source.MarkEnd();
-  Output out;
+  Outputs out;
   EXPECT_EQ(kSignalFlush, ReadInto(&filterbank, &out));
   EXPECT_EQ((std::vector<int32>{0, 1, 2, 3}), out.ids);
   EXPECT_EQ(kSignalEnd, ReadInto(&filterbank, &out));
@@ -134,7 +126,7 @@ TEST(FilterbankTest, FlushAndResetDropThePartialFrameButFrameIdsRunOn) {
   // The spare samples are gone: the next frame is built from new audio alone.
   source.Reset();
   source.Push(audio.data() + 5000, 400);
-  Output next;
+  Outputs next;
   ReadInto(&filterbank, &next);
   ASSERT_EQ(1u, next.rows.size());
   EXPECT_EQ(4, next.ids[0]);
@@ -146,7 +138,7 @@ TEST(FilterbankTest, FlushAndResetDropThePartialFrameButFrameIdsRunOn) {
   ASSERT_EQ(1u, next.rows.size());
   filterbank.Reset();
   source.Push(audio.data() + 5000, 400);
-  Output restarted;
+  Outputs restarted;
   ReadInto(&filterbank, &restarted);
   ASSERT_EQ(std::vector<int32>{5}, restarted.ids);
   EXPECT_EQ(next.rows[0], restarted.rows[0]);
@@ -207,81 +199,46 @@ TEST(WaveReaderTest, ReadsEveryIntegerAndFloatEncodingScaledToOne) {
   };
   for (const Case& c : cases) {
     for (uint16_t format : {c.format, uint16_t{0xFFFE}}) {
-      WaveLayout layout;
-      layout.format = format;
-      layout.subformat = c.format;
-      layout.bits = c.bits;
-      layout.rate = 44100;
+      const WaveLayout layout(44100, 1, c.bits, format, c.format);
       EXPECT_EQ(expected, ReadFloats(WaveBytes(c.data, layout))) << c.bits << " " << format;
     }
   }
   // Unknown chunks are skipped, odd-sized ones with their pad byte; floats
   // are clipped, and those that are not numbers read as silence.
-  WaveLayout chunked;
-  chunked.format = 3;
-  chunked.bits = 32;
+  WaveLayout chunked(16000, 1, 32, 3);
   chunked.extra_chunks = {{"LIST", "odd"}, {"fact", std::string(4, '\0')}};
   const float nan = std::nanf(""), inf = HUGE_VALF;
   EXPECT_EQ((std::vector<float>{0.25f, 0.0f, 0.0f, 1.0f, -1.0f}),
             ReadFloats(WaveBytes(FloatBytes<float>({0.25f, nan, -inf, 1.5f, -3e38f}), chunked)));
-
-  WaveLayout layout;
-  layout.format = 0xFFFE;
-  layout.subformat = 3;
-  layout.bits = 64;
-  layout.rate = 8000;
-  layout.channels = 5;
-  const std::string path = TempPath("wave-test.wav");
-  WriteBytes(path, WaveBytes(std::string(80, '\0'), layout));
-  WaveReader reader(path);
-  EXPECT_EQ(8000, reader.SampleRate());
-  EXPECT_EQ(5, reader.NumChannels());
-  EXPECT_EQ(2, reader.NumSamples());
-  EXPECT_EQ("64-bit float", reader.EncodingName());
 }
 
 TEST(WaveReaderTest, MixesChannelsDownAndReadsOtherRatesAt16kHz) {
-  WaveLayout three;
-  three.channels = 3;
   const std::vector<int16_t> interleaved = {3, 4, 5, 1, 0, 0, -1, -1, 0, 32767, 32767, 32767};
   EXPECT_EQ((std::vector<int16_t>{4, 0, -1, 32767}),
-            ReadBytesAsWave(WaveBytes(Pcm16Bytes(interleaved), three)));
+            ReadBytesAsWave(WaveBytes(Pcm16Bytes(interleaved), WaveLayout(16000, 3))));
   EXPECT_EQ(kSamples, ReadBytesAsWave(WaveBytes(Pcm16Bytes(kSamples))));
 
   // A second at 44.1 kHz is a second at 16 kHz; a constant stays that
   // constant once the filter has the signal on both sides.
-  WaveLayout cd;
-  cd.rate = 44100;
   const std::vector<int16_t> at_16k =
-      ReadBytesAsWave(WaveBytes(Pcm16Bytes(std::vector<int16_t>(44100, 1000)), cd));
+      ReadBytesAsWave(WaveBytes(Pcm16Bytes(std::vector<int16_t>(44100, 1000)), WaveLayout(44100)));
   ASSERT_EQ(16000u, at_16k.size());
   EXPECT_EQ(1000, at_16k[8000]);
 }
 
 TEST(WaveReaderTest, RefusesOtherFormatsSayingWhatWasFoundAndHowToConvert) {
-  WaveLayout hifi;
-  hifi.format = 3;
-  hifi.channels = 2;
-  hifi.rate = 96000;
-  hifi.bits = 32;
   EXPECT_EQ(
       "F: unsupported audio: 96000 Hz, 2 channels, 32-bit float; kestrel reads 8-, 16-, 24- and "
       "32-bit PCM and 32- and 64-bit float at 8000 to 48000 Hz. Convert it first, for example: "
       "sox F -r 16000 -c 1 -b 16 -e signed-integer out.wav",
-      ErrorFor(WaveBytes(std::string(16, '\0'), hifi)));
-
-  WaveLayout twelve_bit;
-  twelve_bit.bits = 12;
-  EXPECT_NE(std::string::npos,
-            ErrorFor(WaveBytes("ab", twelve_bit)).find("16000 Hz, 1 channel, 12-bit PCM;"));
-  WaveLayout mulaw_extensible;
-  mulaw_extensible.format = 0xFFFE;
-  mulaw_extensible.subformat = 7;
-  EXPECT_NE(std::string::npos,
-            ErrorFor(WaveBytes("ab", mulaw_extensible)).find("16000 Hz, 1 channel, mu-law;"));
-  WaveLayout slow;
-  slow.rate = 7999;
-  EXPECT_NE(std::string::npos, ErrorFor(WaveBytes("ab", slow)).find("7999 Hz, 1 channel"));
+      ErrorFor(WaveBytes(std::string(16, '\0'), WaveLayout(96000, 2, 32, 3))));
+  const std::pair<WaveLayout, const char*> others[] = {
+      {WaveLayout(16000, 1, 12), "16000 Hz, 1 channel, 12-bit PCM;"},
+      {WaveLayout(16000, 1, 16, 0xFFFE, 7), "16000 Hz, 1 channel, mu-law;"},
+      {WaveLayout(7999), "7999 Hz, 1 channel"}};
+  for (const auto& [layout, found] : others) {
+    EXPECT_NE(std::string::npos, ErrorFor(WaveBytes("ab", layout)).find(found)) << found;
+  }
 }
 
 TEST(WaveReaderTest, ReadsTruncatedAudioWithAWarningAndRefusesOtherDamage) {
@@ -303,9 +260,7 @@ TEST(WaveReaderTest, ReadsTruncatedAudioWithAWarningAndRefusesOtherDamage) {
             ErrorFor(good.substr(0, 30)));
   EXPECT_EQ("F: malformed WAV file: \"data\" chunk before \"fmt \" chunk.",
             ErrorFor("RIFF" + Le32Bytes(12) + "WAVE" + Chunk("data", "ab")));
-  WaveLayout odd_align;
-  odd_align.channels = 2;
-  std::string bytes = WaveBytes("abcd", odd_align);
+  std::string bytes = WaveBytes("abcd", WaveLayout(16000, 2));
   bytes[32] = 3;  // block align
   EXPECT_EQ("F: malformed WAV file: block align 3 for 2 channels of 16 bits (4 expected).",
             ErrorFor(bytes));
@@ -360,10 +315,8 @@ TEST(WaveSourceTest, DeliversTheFileLikeAPushedStreamAndRewindsOnReset) {
   EXPECT_EQ(Block(0, {f.begin(), f.begin() + 4}), ReadBlock(&source));
 
   // Another rate comes out resampled, all of it.
-  WaveLayout layout;
-  layout.rate = 24000;
   const std::vector<int16_t> noise = Noise(3000, 1000, 2);
-  WriteBytes(path, WaveBytes(Pcm16Bytes(noise), layout));
+  WriteBytes(path, WaveBytes(Pcm16Bytes(noise), WaveLayout(24000)));
   std::vector<float> expected;
   Resampler resampler(24000, 16000);
   const std::vector<float> scaled(noise.begin(), noise.end());

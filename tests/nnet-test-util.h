@@ -3,6 +3,8 @@
 #ifndef KESTREL_TESTS_NNET_TEST_UTIL_H_
 #define KESTREL_TESTS_NNET_TEST_UTIL_H_
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <random>
 #include <vector>
@@ -41,6 +43,23 @@ inline Vector RandomVector(int dim, std::mt19937* rng, float scale = 1.0f) {
   for (int i = 0; i < dim; ++i) v(i) = normal(*rng);
   return v;
 }
+
+// What a stage put out over one or more Reads: rows and their frame ids.
+struct Outputs {
+  std::vector<std::vector<float>> rows;
+  std::vector<int32> ids;
+  void Append(const MatrixBase& out, const std::vector<FrameInfo>& info) {
+    ASSERT_EQ(info.size(), static_cast<size_t>(out.NumRows()));
+    for (int r = 0; r < out.NumRows(); ++r) {
+      rows.emplace_back(out.RowData(r), out.RowData(r) + out.NumCols());
+      ids.push_back(info[r].frame_id);
+    }
+  }
+  void Append(const Outputs& more) {
+    rows.insert(rows.end(), more.rows.begin(), more.rows.end());
+    ids.insert(ids.end(), more.ids.begin(), more.ids.end());
+  }
+};
 
 inline std::vector<FrameInfo> FrameInfos(int first, int n) {
   std::vector<FrameInfo> infos(n);

@@ -30,6 +30,9 @@ inline std::string Pcm16Bytes(const std::vector<int16_t>& samples) {
 }
 
 struct WaveLayout {
+  explicit WaveLayout(uint32_t rate = 16000, int channels = 1, int bits = 16, uint16_t format = 1,
+                      uint16_t subformat = 1)
+      : format(format), subformat(subformat), channels(channels), rate(rate), bits(bits) {}
   uint16_t format = 1;  // 1 PCM, 3 float, 0xFFFE extensible
   uint16_t subformat = 1;  // the extensible layout's format code
   int channels = 1;
@@ -44,7 +47,7 @@ inline std::string Chunk(const std::string& id, const std::string& body) {
          (body.size() % 2 ? std::string(1, '\0') : std::string());
 }
 
-inline std::string WaveBytes(const std::string& data, const WaveLayout& layout = {}) {
+inline std::string WaveBytes(const std::string& data, const WaveLayout& layout = WaveLayout()) {
   const uint32_t block_align = layout.channels * layout.bits / 8;
   std::string format = Le16Bytes(layout.format) + Le16Bytes(layout.channels) +
                        Le32Bytes(layout.rate) + Le32Bytes(layout.rate * block_align) +
@@ -83,10 +86,10 @@ inline std::vector<int16_t> Noise(size_t n, int amplitude, unsigned seed) {
 
 // Adds a sine of `hz` and peak `amplitude` over [start, start + length) samples.
 inline void AddTone(std::vector<int16_t>* samples, double hz, int amplitude, size_t start,
-                    size_t length) {
+                    size_t length, double rate = 16000.0) {
   const double pi = std::acos(-1.0);
   for (size_t i = start; i < start + length && i < samples->size(); ++i) {
-    const double v = (*samples)[i] + amplitude * std::sin(2 * pi * hz * (i - start) / 16000.0);
+    const double v = (*samples)[i] + amplitude * std::sin(2 * pi * hz * (i - start) / rate);
     (*samples)[i] = static_cast<int16_t>(std::lround(std::fmax(-32768.0, std::fmin(32767.0, v))));
   }
 }

@@ -14,6 +14,8 @@
 
 namespace kestrel {
 
+inline std::string Quoted(const std::string& path) { return "'" + path + "'"; }
+
 struct CommandResult {
   int status = -1;
   std::string out, err;

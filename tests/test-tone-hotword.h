@@ -63,13 +63,13 @@ inline void WriteToneModel(const std::string& path, float sensitivity = 0.5f) {
 
 // `seconds` of white noise with a whistle starting at each of `starts`.
 inline std::vector<int16_t> WhistleAudio(double seconds, const std::vector<double>& starts,
-                                         unsigned seed = 1) {
-  std::vector<int16_t> audio = Noise(static_cast<size_t>(seconds * 16000), 500, seed);
-  const size_t tone = static_cast<size_t>(kWhistleToneSeconds * 16000);
+                                         unsigned seed = 1, int rate = 16000) {
+  std::vector<int16_t> audio = Noise(static_cast<size_t>(seconds * rate), 500, seed);
+  const size_t tone = static_cast<size_t>(kWhistleToneSeconds * rate);
   for (double start : starts) {
-    const size_t first = static_cast<size_t>(start * 16000);
-    AddTone(&audio, kWhistleFirstHz, 6000, first, tone);
-    AddTone(&audio, kWhistleSecondHz, 6000, first + tone, tone);
+    const size_t first = static_cast<size_t>(start * rate);
+    AddTone(&audio, kWhistleFirstHz, 6000, first, tone, rate);
+    AddTone(&audio, kWhistleSecondHz, 6000, first + tone, tone, rate);
   }
   return audio;
 }

@@ -11,7 +11,7 @@
 #include "detect-test-util.h"
 #include "feature-set.h"
 #include "frontend/filterbank-stream.h"
-#include "frontend/pcm-source-stream.h"
+#include "frontend/wave-source-stream.h"
 #include "hotword-units.h"
 #include "json-value.h"
 #include "posterior-scan.h"
@@ -22,27 +22,23 @@
 namespace kestrel {
 namespace {
 
-// A 16 kHz WAV file of a tone at `hz`, and its samples.
-std::vector<int16_t> WriteTone(const std::string& path, double hz, int samples) {
+// A 16 kHz WAV file of a tone at `hz`.
+void WriteTone(const std::string& path, double hz, int samples) {
   std::vector<int16_t> tone(samples, 0);
   AddTone(&tone, hz, 8000, 0, tone.size());
   WriteWave(path, tone);
-  return tone;
 }
 
 TEST(FeatureCacheTest, FeaturesEqualTheStreamingFrontEnd) {
   const std::string wav = TempPath("a.wav");
-  const std::vector<int16_t> samples = WriteTone(wav, 440, 8000);
+  WriteTone(wav, 440, 8000);
   Matrix whole = ComputeWaveFeatures(wav);
   ASSERT_EQ(whole.NumRows(), (8000 - 400) / 160 + 1);
   ASSERT_EQ(whole.NumCols(), FilterbankStream::kNumBins);
 
-  // The detector sees the audio in small blocks.
-  PcmSourceStream source(100);
+  WaveSourceStream source(wav, 100);  // the detector sees the audio in small blocks
   FilterbankStream filterbank;
   filterbank.Connect(&source);
-  source.Push(samples.data(), samples.size());
-  source.MarkEnd();
   int row = 0;
   Matrix block;
   for (int signal = 0; !(signal & kSignalStopMask);) {
@@ -174,14 +170,11 @@ TEST(FrameLabels, LabelEachFrameByThePhonemeUnderItsCentre) {
   EXPECT_EQ(labels[116], 3);
   EXPECT_EQ(labels[117], 0);
   // Units appear in order, each as one run.
-  int runs = 0;
+  std::vector<int> runs;
   for (size_t t = 1; t < labels.size(); ++t) {
-    if (labels[t] != labels[t - 1] && labels[t] != 0) {
-      ++runs;
-      EXPECT_EQ(labels[t], runs);
-    }
+    if (labels[t] != labels[t - 1] && labels[t] != 0) runs.push_back(labels[t]);
   }
-  EXPECT_EQ(runs, 3);
+  EXPECT_EQ(runs, (std::vector<int>{1, 2, 3}));
   // With edges guarded, the two frames either side of each change of label
   // are left out (47..50 at the start, 115..118 at the end, four at each of
   // the two unit edges), and nothing else moves.
@@ -298,8 +291,6 @@ TEST(CountOperatingPoint, HitsMissesAndFalseAlarms) {
   EXPECT_EQ(p.confusables_accepted, 2);
   // Hours outside the hotwords and confusables: 3 x 3 s + 3599 s.
   EXPECT_NEAR(p.hours, (9.0 + 3599.0) / 3600.0, 1e-9);
-  EXPECT_NEAR(p.FalseRejectionRate(), 2.0 / 3.0, 1e-9);
-  EXPECT_NEAR(p.FalseAlarmsPerHour(), 4.0 / p.hours, 1e-9);
 
   // Two detections inside one hotword are one hit, not a false alarm.
   OperatingPoint twice = CountOperatingPoint({clips[0]}, {{120, 180}}, 0.5);
@@ -449,15 +440,10 @@ TEST_F(ScanTest, TuningFindsTheSensitivityBetweenHotwordsAndLookalikes) {
   }
   EXPECT_EQ(tuned[BestTunedSearch(tuned)].point.detected, 4);
 
-  // As a near phrase the lookalike costs no false alarm, but accepting it
-  // breaks the near-phrase budget just the same.
+  // As a near phrase the lookalike is no false alarm: within a budget that
+  // allows it, it is accepted. (A budget that refuses it: the next test.)
   clips.back().kind = ClipKind::kConfusable;
   options.max_false_alarms_per_hour = 100.0;
-  options.max_near_phrase_accept_rate = 0.0;
-  for (const TunedSearch& t : TuneSearchMethods(clips, posteriors, {0.2, 0.2}, options, nullptr)) {
-    EXPECT_EQ(t.point.confusables_accepted, 0);
-    EXPECT_EQ(t.point.detected, 4);
-  }
   options.max_near_phrase_accept_rate = 1.0;
   for (const TunedSearch& t : TuneSearchMethods(clips, posteriors, {0.2, 0.2}, options, nullptr)) {
     EXPECT_EQ(t.point.confusables_accepted, 1);
@@ -502,17 +488,11 @@ TEST_F(ScanTest, AFirstUnitFloorRejectsLookalikesThatOnlyEndLikeTheHotword) {
   EXPECT_EQ(SearchFloorsLabel(tuned.settings.hotwords[0]), "0.60/0.05");
 }
 
+// The other fields are copied from the arguments; the mask is computed.
 TEST_F(ScanTest, SettingsSpreadTheMaskByUnitDurations) {
-  const HotwordModel settings = MakeHotwordSettings({0.1, 0.3}, 7, 5, 80, 0.2f, 0.45f);
-  EXPECT_EQ(settings.smooth_window, 5);
-  EXPECT_EQ(settings.slide_window, 80);
-  ASSERT_EQ(settings.hotwords.size(), 1u);
-  const HotwordRecord& hw = settings.hotwords[0];
+  const HotwordRecord hw = MakeHotwordSettings({0.1, 0.3}, 7, 5, 80, 0.2f, 0.45f).hotwords.at(0);
   EXPECT_EQ(hw.keyword, (std::vector<int32>{1, 2}));
   EXPECT_EQ(hw.search_mask, (std::vector<int32>{0, 20, 80}));
-  EXPECT_EQ(hw.search_method, 7);
-  EXPECT_FLOAT_EQ(hw.sensitivity, 0.45f);
-  EXPECT_EQ(hw.search_floor, (std::vector<float>{0.2f, 0.2f}));
 }
 
 }  // namespace

@@ -33,6 +33,13 @@ std::string Written(bool binary, T value) {
   return os.str();
 }
 
+template <class T>
+T Read(bool binary, std::istream* is) {
+  T value{};
+  ReadBasicType(binary, &value, is);
+  return value;
+}
+
 std::string WrittenVector(bool binary, const std::vector<int32>& v) {
   std::ostringstream os;
   WriteIntegerVector<int32>(binary, v, &os);
@@ -64,25 +71,14 @@ TEST(BasicIoTest, EveryTypeRoundTripsInBothModes) {
     for (float v : floats) WriteBasicType<float>(binary, v, &ss);
     WriteBasicType<bool>(binary, true, &ss);
     WriteBasicType<bool>(binary, false, &ss);
-    int32 a = 0;
-    int64 b = 0;
+    EXPECT_EQ(std::numeric_limits<int32>::min(), Read<int32>(binary, &ss));
+    EXPECT_EQ(1LL << 40, Read<int64>(binary, &ss));
     std::vector<int32> v = {9, 9, 9, 9};  // replaced, not appended to
-    ReadBasicType(binary, &a, &ss);
-    ReadBasicType(binary, &b, &ss);
     ReadIntegerVector(binary, &v, &ss);
-    EXPECT_EQ(std::numeric_limits<int32>::min(), a);
-    EXPECT_EQ(1LL << 40, b);
     EXPECT_EQ((std::vector<int32>{5, -6, 7}), v);
-    for (float expected : floats) {
-      float got = 0;
-      ReadBasicType(binary, &got, &ss);
-      EXPECT_EQ(expected, got);
-    }
-    bool t = false, f = true;
-    ReadBasicType(binary, &t, &ss);
-    ReadBasicType(binary, &f, &ss);
-    EXPECT_TRUE(t);
-    EXPECT_FALSE(f);
+    for (float expected : floats) EXPECT_EQ(expected, Read<float>(binary, &ss));
+    EXPECT_TRUE(Read<bool>(binary, &ss));
+    EXPECT_FALSE(Read<bool>(binary, &ss));
   }
 }
 
@@ -92,19 +88,16 @@ TEST(BasicIoTest, TextReadingIsLenient) {
   ReadIntegerVector(false, &v, &is);
   EXPECT_EQ((std::vector<int32>{5, -6, 7}), v);
   for (float expected : {1e-3f, -std::numeric_limits<float>::infinity(), NAN, 2.0f}) {
-    float got = 0;
-    ReadBasicType(false, &got, &is);
+    const float got = Read<float>(false, &is);
     EXPECT_TRUE(got == expected || (std::isnan(expected) && std::isnan(got))) << got;
   }
-  int32 x = 0;
-  ReadBasicType(false, &x, &is);  // ends exactly at end of stream: fine
-  EXPECT_EQ(42, x);
+  EXPECT_EQ(42, Read<int32>(false, &is));  // ends exactly at end of stream: fine
 }
 
-std::string ReadIntError(bool binary, const std::string& bytes) {
+template <class T = int32>
+std::string ReadError(bool binary, const std::string& bytes) {
   std::istringstream is(bytes);
-  int32 x;
-  return KESTREL_ERROR_TEXT(ReadBasicType(binary, &x, &is));
+  return KESTREL_ERROR_TEXT(Read<T>(binary, &is));
 }
 
 // The error of reading a vector from `bytes`, which must leave the target as it was.
@@ -121,11 +114,11 @@ TEST(BasicIoTest, FailuresGiveExactMessages) {
   const std::string at_end = basic + ", file position is -1, next char is [character -1]";
   const std::string size = "Fail to read integer type in ReadIntegerVecotr(): expecting type of "
                            "size 4, got instead ";
-  EXPECT_EQ(basic + ": encountered end of stream.", ReadIntError(true, ""));
+  EXPECT_EQ(basic + ": encountered end of stream.", ReadError(true, ""));
   EXPECT_EQ(basic + ": did not get expected integer type, 8 vs. 4",
-            ReadIntError(true, std::string("\x08\x01\0\0\0\0\0\0\0", 9)));
-  EXPECT_EQ(at_end, ReadIntError(false, "abc"));
-  EXPECT_EQ(at_end, ReadIntError(true, std::string("\x04\x01", 2)));
+            ReadError(true, std::string("\x08\x01\0\0\0\0\0\0\0", 9)));
+  EXPECT_EQ(at_end, ReadError(false, "abc"));
+  EXPECT_EQ(at_end, ReadError(true, std::string("\x04\x01", 2)));
   EXPECT_EQ(size + "8", ReadVectorError(true, std::string("\x08\0\0\0\0", 5)));
   EXPECT_EQ(size + "-1", ReadVectorError(true, ""));
   EXPECT_EQ("Fail to read integer type in ReadIntegerVector(): expecting vector size, got -1",
@@ -136,16 +129,9 @@ TEST(BasicIoTest, FailuresGiveExactMessages) {
     EXPECT_EQ("Fail to ReadIntegerVector.", ReadVectorError(bad[0] == '\x04', bad));
   }
   EXPECT_EQ("Expected token \"[\", got instead \"1\".", ReadVectorError(false, "1 2 ]"));
-  float f;
-  bool b;
-  std::istringstream word("0.5x");
-  EXPECT_EQ("ReadBasicType: expected a float, got \"0.5x\".",
-            KESTREL_ERROR_TEXT(ReadBasicType(false, &f, &word)));
-  std::istringstream short_binary(std::string("\x04\x01\x02", 3));
-  EXPECT_NE("", KESTREL_ERROR_TEXT(ReadBasicType(true, &f, &short_binary)));
-  std::istringstream not_bool("X");
-  EXPECT_EQ("ReadBasicType: expected a bool ('T' or 'F'), got 'X'.",
-            KESTREL_ERROR_TEXT(ReadBasicType(false, &b, &not_bool)));
+  EXPECT_EQ("ReadBasicType: expected a float, got \"0.5x\".", ReadError<float>(false, "0.5x"));
+  EXPECT_NE("", ReadError<float>(true, std::string("\x04\x01\x02", 3)));
+  EXPECT_EQ("ReadBasicType: expected a bool ('T' or 'F'), got 'X'.", ReadError<bool>(false, "X"));
 
   std::ostringstream os;
   os.setstate(std::ios::badbit);
