@@ -4,11 +4,11 @@
 # features, trains the network, chooses the search settings and sensitivity
 # on the held-out split, and writes models/hey-kestrel.kmodel.
 #
-# About 2 h 20 min on a 2-core machine, the trainer holding up to 5.3 GB of
-# memory (measured 8624 s with the corpus already made, partly beside other
-# jobs: features 30 s, training 7771 s, tuning 820 s; making the train and
-# dev corpus adds about 12 minutes); the result is the same model byte for
-# byte.
+# About 1 hour on a 2-core machine, the trainer holding up to 5.3 GB of
+# memory (measured 3604 s with the corpus already made: features 15 s,
+# training 3069 s, tuning 518 s); making the train and dev corpus adds about
+# 8 minutes. The trainer is deterministic: a second run gave the same
+# held-out loss after every pass and the same dev figures.
 # Environment overrides:
 #   BUILD   build directory (default: build)
 #   CORPUS  corpus directory (default: training/corpus; reused if complete)
@@ -47,8 +47,10 @@ fi
 # passes over the doubled train split (the default is twelve): chosen on dev,
 # where the first missed fewer hotwords at every false alarm budget, the
 # second fewer than the flat network over two seeds each, and nine passes
-# fewer than six or twelve at every budget.
+# fewer than six or twelve at every budget. Seed 2: of three random starts
+# of this recipe it missed the fewest dev hotwords (19.65%, against 24.95%
+# and 23.05%), a rule fixed before the third was trained.
 "$BUILD/tools/kestrel" train --corpus "$CORPUS" --out "$OUT" --threads "$JOBS" \
-    --filler-fraction 0.67 --layer-splices "-1,0,1 -2,0,2 -4,0,4 -8,0" \
+    --seed 2 --filler-fraction 0.67 --layer-splices "-1,0,1 -2,0,2 -4,0,4 -8,0" \
     --hidden-dim 128 --epochs 9 --report "$OUT.train.txt"
 echo "train-default-model: done in $(( $(date +%s) - start )) s; wrote $OUT" >&2
