@@ -12,7 +12,7 @@ import wave
 import numpy as np
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from kcorpus import audio, build, phrase_check, synth_server, texts, tts  # noqa: E402
+from kcorpus import audio, build, phrase_check, respell, synth_server, texts, tts  # noqa: E402
 
 
 def tiny_cfg(out, jobs):
@@ -116,8 +116,11 @@ class TinyCorpus(unittest.TestCase):
                 self.assertEqual(phon.times_said(e["utterance"]), 1, e["utterance"])
                 arpa = [p[0] for p in e["phonemes_arpa"]]
                 # Dialects drop the h or say "r E l": one sound apart at most.
-                self.assertLessEqual(texts._seq_distance(texts.sounds(arpa), phon.target), 1,
-                                     (e["voice"], arpa))
+                # Accents say "hey" as two vowels, the e of "kestrel" in
+                # full, and Italian drops the h.
+                foreign = e["voice"] in tts.FOREIGN_VOICES
+                self.assertLessEqual(texts._seq_distance(texts.sounds(arpa), phon.target),
+                                     4 if foreign else 1, (e["voice"], arpa))
             if e["kind"] == "confusable":
                 for a, b in e["differs"]:
                     self.assertTrue(e["span"][0] <= a < b <= e["span"][1], e)
@@ -140,13 +143,22 @@ class TinyCorpus(unittest.TestCase):
         for e in self.m["dev"]:
             self.assertNotIn(synth_server.RANDOM_VARIANT, e["voice"] or "")
 
-    def test_festival_only_in_test(self):
+    def test_festival_english_voices_only_in_test(self):
+        # Train and dev hear Festival only in its voices of other languages,
+        # dev's in languages train lacks, and never saying a near phrase.
+        language = {s: {respell.VOICE_LANGUAGE[v] for v in build.FESTIVAL_VOICES[s]}
+                    for s in ("train", "dev")}
+        self.assertFalse(language["train"] & language["dev"])
         for s in ("train", "dev"):
-            for e in self.m[s]:
-                self.assertNotIn("festival", e["engine"] or "")
-                for u in e.get("utterances", []):
-                    self.assertNotEqual(u[3], "festival")
-        self.assertIn("festival", {e["engine"] for e in self.m["test"]})
+            said = [(e["voice"], e["kind"]) for e in self.m[s] if e["engine"] == "festival"]
+            said += [(u[4], u[2]) for e in self.m[s] for u in e.get("utterances", [])
+                     if u[3] == "festival"]
+            self.assertTrue(said, s)
+            for voice, kind in said:
+                self.assertIn(respell.VOICE_LANGUAGE.get(voice), language[s], voice)
+                self.assertNotEqual(kind, "confusable")
+        self.assertTrue({e["voice"] for e in self.m["test"] if e["engine"] == "festival"}
+                        <= set(tts.FESTIVAL_VOICES))
 
     def test_test_speech_is_left_as_the_engine_made_it(self):
         self.assertFalse([e for e in self.m["test"] if "channel" in e or "warp" in e])
@@ -182,16 +194,28 @@ class Pieces(unittest.TestCase):
     def test_phrase_found_inside_a_sentence(self):
         # Each engine's word timings find the phrase after a run-on word,
         # after a pause, and before more speech.
-        text = "so hey kestrel, so. Hey kestrel the end"
+        # Voices of other languages say it respelled ("chestrel" in Italian,
+        # "\u010d" for "ch" in Czech, which Festival must get in ISO-8859-2),
+        # and their words still read back as the English ones.
+        text = "so hey kestrel, so. Hey kestrel the end, cheers"
         reqs = [dict(engine="espeak-ng", voice="gmw/en-US", rate=170, pitch=50),
                 dict(engine="flite", voice="kal16", rate=1.0, pitch=1.0),
-                dict(engine="festival", voice="kal_diphone", rate=1.0, pitch=110)]
+                dict(engine="festival", voice="kal_diphone", rate=1.0, pitch=110),
+                dict(engine="festival", voice="czech_dita", rate=1.0, pitch=200),
+                dict(engine="festival", voice="lp_diphone", rate=1.0, pitch=200),
+                dict(engine="festival", voice="upc_ca_ona_hts", rate=1.0, pitch=None)]
         for r, u in zip(reqs, tts.synth_many([dict(r, text=text) for r in reqs])):
             with self.assertRaises(ValueError):        # said twice
                 u.locate(["hey", "kestrel"])
+            u.locate(["cheers"])
             first, last = u.locate(["kestrel", "the"])
-            arpa = [tts.to_arpa(r["engine"], p[0]) for p in u.phones[first:last + 1]]
-            self.assertEqual(texts.sounds(arpa)[:6], ["K", "EH", "S", "T", "R", "L"], r)
+            sounds = texts.sounds([tts.to_arpa(r["engine"], p[0])
+                                   for p in u.phones[first:last + 1]])
+            if r["voice"] in tts.FOREIGN_VOICES:   # Catalan says the e as a schwa
+                sounds = [p for p in sounds if p not in ("EH", "AH")]
+                self.assertEqual(sounds[:5], ["K", "S", "T", "R", "L"], r)
+            else:
+                self.assertEqual(sounds[:6], ["K", "EH", "S", "T", "R", "L"], r)
             so = u.locate(["kestrel", "so"])[0]
             self.assertLess(u.phones[so][2], u.phones[first][1], r)
 

@@ -13,7 +13,7 @@ import time
 
 import numpy as np
 
-from . import audio, texts, tts
+from . import audio, respell, texts, tts
 from .synth_server import RANDOM_VARIANT
 
 SPLITS = ("train", "dev", "test")
@@ -64,14 +64,29 @@ STRETCH = {"train": (0.7, 1.35), "dev": (0.7, 1.35), "test": (0.72, 1.3)}
 # so of the test voices only Festival's ked is a speaker never heard in
 # training; the evaluation reports it on its own.
 FLITE_VOICES = {"train": ["rms", "slt", "kal16", "kal"], "dev": ["awb"], "test": []}
-ENGINE_MIX = {"train": {"espeak-ng": 0.6, "flite": 0.4},
-              "dev": {"espeak-ng": 0.6, "flite": 0.4},
+# Festival's English voices are test's.  Train and dev get its voices of
+# other languages saying English respelled (respell.py): recorded speakers
+# with accents, the kind of voice test's ked stands for.  Dev's languages
+# are ones train lacks, so that dev judges speakers unlike any trained one.
+FESTIVAL_VOICES = {"train": ["czech_dita", "czech_krb", "czech_machac", "czech_ph",
+                             "upc_ca_ona_hts"],
+                   "dev": ["hy_fi_mv_diphone", "lp_diphone", "pc_diphone",
+                           "suo_fi_lj_diphone"],
+                   "test": list(tts.FESTIVAL_VOICES), "sample": list(tts.FESTIVAL_VOICES)}
+ENGINE_MIX = {"train": {"espeak-ng": 0.5, "flite": 0.35, "festival": 0.15},
+              "dev": {"espeak-ng": 0.45, "flite": 0.3, "festival": 0.25},
               "test": {"espeak-ng": 0.5, "festival": 0.5},
               "sample": {"festival": 1.0}}
+# Near phrases are said by the English engines only: where one sounds
+# unlike the hotword is found by comparing its phones with the hotword's,
+# and a foreign phone set meets English only roughly.
+NEAR_PHRASE_MIX = {"train": {"espeak-ng": 0.6, "flite": 0.4},
+                   "dev": {"espeak-ng": 0.6, "flite": 0.4},
+                   "test": ENGINE_MIX["test"]}
 # Flite's clustergen voices run at only ~15x real time on one core, so the
 # hours of long negative recordings lean on eSpeak.
-STREAM_MIX = {"train": {"espeak-ng": 0.85, "flite": 0.15},
-              "dev": {"espeak-ng": 0.8, "flite": 0.2},
+STREAM_MIX = {"train": {"espeak-ng": 0.75, "flite": 0.15, "festival": 0.1},
+              "dev": {"espeak-ng": 0.65, "flite": 0.2, "festival": 0.15},
               "test": {"espeak-ng": 0.5, "festival": 0.5}}
 
 # Train doubled from 10000 positives and 6 h: nine passes over it missed
@@ -118,7 +133,12 @@ def load_text(phrase):
         near = {s: [] for s in SPLITS}
         for t in texts.near_phrases(phrase, phon, allw):
             near[texts.split_of(t)].append(t)
-        _TEXT.update(phrase=phrase, sentences=texts.load_sentences(phrase),
+        sentences = texts.load_sentences(phrase)
+        # Every word a voice of another language may be asked to say.
+        respell.prepare({w for part in sentences.values() for t in part
+                         for w in texts.norm_words(t)} | set(allw) | set(OPENERS)
+                        | set(texts.norm_words(phrase)))
+        _TEXT.update(phrase=phrase, sentences=sentences,
                      words=words, near_words=texts.near_words(phrase, words),
                      near_phrases=near, phonetics=phon)
 
@@ -142,15 +162,19 @@ def sample_voice(rng, split, cfg, mix=None):
         return dict(engine=eng, voice=pool[rng.integers(len(pool))],
                     rate=round(float(rng.uniform(*STRETCH[split])), 2),  # duration stretch
                     pitch=round(float(rng.uniform(0.8, 1.25)), 2))  # f0 shift factor
-    voice = tts.FESTIVAL_VOICES[rng.integers(len(tts.FESTIVAL_VOICES))]
+    pool = FESTIVAL_VOICES[split]
+    voice = pool[rng.integers(len(pool))]
     lo, hi = STRETCH["test" if split == "sample" else split]
     if voice.endswith("_hts"):
         # Festival's hts_engine wrapper takes a speed (> 1 faster) but no
         # pitch shift.
         return dict(engine=eng, voice=voice, rate=round(float(1 / rng.uniform(lo, hi)), 2),
                     pitch=None)
+    # Target F0 in Hz: the English voices are men's; the others include
+    # women and a child.
+    top = 151 if voice in tts.FESTIVAL_VOICES else 241
     return dict(engine=eng, voice=voice, rate=round(float(rng.uniform(lo, hi)), 2),
-                pitch=float(rng.integers(80, 151)))                 # target F0, Hz
+                pitch=float(rng.integers(80, top)))
 
 
 def speed_of(v, warp=None):
@@ -307,7 +331,8 @@ def plan_clip(cfg, split, kind, idx):
     if kind == "noise":
         plan["dur"] = float(rng.uniform(5, 30))
         return plan
-    v = sample_voice(rng, split, cfg)
+    v = sample_voice(rng, split, cfg, NEAR_PHRASE_MIX.get(split) if kind == "confusable"
+                     else None)
     plan["voice"] = v
     if kind == "negative":
         n = int(rng.integers(1, 3))
@@ -434,7 +459,7 @@ def plan_stream(cfg, split, idx):
     while t < length:
         r = rng.random()
         v = sample_voice(rng, split, cfg, STREAM_MIX[split])
-        if r < 0.03:
+        if r < 0.03 and v["voice"] not in tts.FOREIGN_VOICES:
             conf = _TEXT["near_phrases"][split]
             kind, text = "confusable", conf[rng.integers(len(conf))]
         elif r < 0.75:

@@ -24,7 +24,7 @@ from dataclasses import dataclass, field
 
 import numpy as np
 
-from . import audio
+from . import audio, respell
 
 # ---------------------------------------------------------------- phonemes
 
@@ -49,6 +49,19 @@ ESPEAK_TO_ARPA = {
 }
 
 
+# Festival's voices of other languages have phone sets of their own; the
+# English radio set has none of these symbols, so one map serves both.
+# Only the sounds that meet the hotword's are mapped, which is what lets
+# their phones be aligned with the English ones.
+FOREIGN_TO_ARPA = {
+    "a": "AA", "a:": "AA", "a1": "AA", "e": "EH", "e:": "EH", "e1": "EH", "E": "EH",
+    "E1": "EH", "i": "IH", "i:": "IY", "i1": "IY", "o": "AO", "o:": "AO", "o1": "AO",
+    "O": "AO", "O1": "AO", "u": "UH", "u:": "UW", "u1": "UW", "@": "AX", "h": "HH",
+    "x": "HH", "j": "Y", "S": "SH", "Z": "ZH", "tS": "CH", "dZ": "JH", "c~": "CH",
+    "s~": "SH", "z~": "ZH", "rr": "R",
+}
+
+
 def to_arpa(engine, sym):
     """Engine phone symbol -> ARPAbet-like symbol (upper case)."""
     if engine == "espeak-ng":
@@ -56,6 +69,8 @@ def to_arpa(engine, sym):
             return ESPEAK_TO_ARPA[sym]
         base = re.sub(r"[#;\[\]/0-9-]+$", "", sym)
         return ESPEAK_TO_ARPA.get(base, sym.upper())
+    if engine == "festival":
+        return FOREIGN_TO_ARPA.get(sym, sym.upper())
     return sym.upper()
 
 
@@ -115,7 +130,7 @@ def _clean_phones(raw, dur):
     out, words = [], []
     for (sym, st, word), nxt in zip(raw, raw[1:] + [(None, dur, "")]):
         en = min(nxt[1], dur)
-        if sym.startswith("_") or sym in ("pau", "h#", "sil"):
+        if sym.startswith("_") or sym in ("pau", "h#", "sil", "#"):
             continue
         if sym == ";" and out:          # eSpeak palatal marker: part of previous phone
             out[-1] = (out[-1][0], out[-1][1], en)
@@ -187,6 +202,9 @@ def server():
 # --------------------------------------------------------------- Festival
 
 FESTIVAL_VOICES = ("kal_diphone", "ked_diphone", "cmu_us_slt_arctic_hts")
+# Voices of other languages say the English text respelled (respell.py);
+# their phones are reported in their own phone sets (upper-cased).
+FOREIGN_VOICES = tuple(sorted(respell.VOICE_LANGUAGE))
 
 
 def _scheme_str(text):
@@ -203,38 +221,48 @@ def _festival_many(reqs):
     """
     reqs = [(r["voice"], r["rate"], r["pitch"], r["text"]) for r in reqs]
     order = sorted(range(len(reqs)), key=lambda i: (reqs[i][0], i))
+    # Festival reads and prints bytes: each line goes in its voice's
+    # encoding, and the output is read back byte for byte (latin-1).
+    back = [{} for _ in reqs]
     with tempfile.TemporaryDirectory(prefix="kfest") as tmp:
         lines, cur = [], None
         for i in order:
             voice, rate, pitch, text = reqs[i]
-            if voice not in FESTIVAL_VOICES:
+            if voice not in FESTIVAL_VOICES and voice not in FOREIGN_VOICES:
                 raise ValueError("unknown festival voice %s" % voice)
+            encoding = "ascii"
+            if voice in FOREIGN_VOICES:
+                language = respell.VOICE_LANGUAGE[voice]
+                encoding = respell.ENCODING[language]
+                text, words = respell.respell(text, language)
+                back[i] = {w.encode(encoding).decode("latin-1"): e for w, e in words.items()}
             if not text.strip():
                 raise ValueError("empty text")      # festival segfaults on it
             if voice != cur:
-                lines.append("(voice_%s)" % voice)
+                lines.append(b"(voice_%s)" % voice.encode())
                 cur = voice
             if voice.endswith("_hts"):
                 lines.append(
-                    "(set! hts_engine_params (append %s::hts_engine_params "
-                    "(list (list \"-r\" %.4f))))" % (voice, rate))
+                    b"(set! hts_engine_params (append %s::hts_engine_params "
+                    b"(list (list \"-r\" %.4f))))" % (voice.encode(), rate))
             else:
-                lines.append("(Parameter.set 'Duration_Stretch %.4f)" % rate)
+                lines.append(b"(Parameter.set 'Duration_Stretch %.4f)" % rate)
                 lines.append(
-                    "(set! int_lr_params '((target_f0_mean %.2f) (target_f0_std 14)"
-                    " (model_f0_mean 170) (model_f0_std 34)))" % pitch)
-            lines.append("(set! utt (SynthText %s))" % _scheme_str(text))
-            lines.append("(utt.save.wave utt \"%s/%d.wav\" 'riff)" % (tmp, i))
-            lines.append("(format t \"UTT %d\\n\")" % i)
-            lines.append("(mapcar (lambda (s) (format t \"%s %f %s\\n\" (item.name s)"
-                         " (item.feat s \"end\")"
-                         " (item.feat s \"R:SylStructure.parent.parent.name\")))"
-                         " (utt.relation.items utt 'Segment))")
+                    b"(set! int_lr_params '((target_f0_mean %.2f) (target_f0_std 14)"
+                    b" (model_f0_mean 170) (model_f0_std 34)))" % pitch)
+            lines.append(b"(set! utt (SynthText %s))"
+                         % _scheme_str(text).encode(encoding, errors="replace"))
+            lines.append(b"(utt.save.wave utt \"%s/%d.wav\" 'riff)" % (tmp.encode(), i))
+            lines.append(b"(format t \"UTT %d\\n\")" % i)
+            lines.append(b"(mapcar (lambda (s) (format t \"%s %f %s\\n\" (item.name s)"
+                         b" (item.feat s \"end\")"
+                         b" (item.feat s \"R:SylStructure.parent.parent.name\")))"
+                         b" (utt.relation.items utt 'Segment))")
         script = os.path.join(tmp, "run.scm")
-        with open(script, "w") as f:
-            f.write("\n".join(lines) + "\n")
+        with open(script, "wb") as f:
+            f.write(b"\n".join(lines) + b"\n")
         out = subprocess.run(["festival", "--batch", script], check=True,
-                             capture_output=True, text=True).stdout
+                             capture_output=True).stdout.decode("latin-1")
         segs, cur = {}, None
         for line in out.splitlines():
             parts = line.split()
@@ -242,7 +270,7 @@ def _festival_many(reqs):
                 cur = int(parts[1])
                 segs[cur] = []
             elif len(parts) == 3 and cur is not None:
-                segs[cur].append((parts[0], float(parts[1]), parts[2]))
+                segs[cur].append((parts[0], float(parts[1]), back[cur].get(parts[2], parts[2])))
         res = []
         for i in range(len(reqs)):
             x, sr = audio.read_wav(os.path.join(tmp, "%d.wav" % i))
