@@ -133,12 +133,8 @@ def load_text(phrase):
         near = {s: [] for s in SPLITS}
         for t in texts.near_phrases(phrase, phon, allw):
             near[texts.split_of(t)].append(t)
-        sentences = texts.load_sentences(phrase)
-        # Every word a voice of another language may be asked to say.
-        respell.prepare({w for part in sentences.values() for t in part
-                         for w in texts.norm_words(t)} | set(allw) | set(OPENERS)
-                        | set(texts.norm_words(phrase)))
-        _TEXT.update(phrase=phrase, sentences=sentences,
+        respell.prepare()       # the lexicon, once, shared by the workers
+        _TEXT.update(phrase=phrase, sentences=texts.load_sentences(phrase),
                      words=words, near_words=texts.near_words(phrase, words),
                      near_phrases=near, phonetics=phon)
 

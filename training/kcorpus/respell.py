@@ -47,18 +47,15 @@ _CA_SOFT = {"G": ("gu", "g")}
 _pronunciations = {}
 
 
-def prepare(words):
-    """Look up the pronunciations of `words` once (the CMU lexicon, eSpeak
-    NG's rules for words it lacks).  Call before forking workers: a lookup
-    reads the whole lexicon."""
+def prepare(words=()):
+    """Make sure the pronunciations of `words` are known: the CMU lexicon
+    is read whole on the first call (call it before forking workers, so
+    they share it), and eSpeak NG is asked once for the words it lacks."""
+    if not _pronunciations:
+        _pronunciations.update(texts.load_lexicon(None, raw=True))
     missing = sorted({w for w in words if w not in _pronunciations})
-    if not missing:
-        return
-    lex = texts.load_lexicon(set(missing), raw=True)
-    rest = [w for w in missing if w not in lex]
-    lex.update(texts.espeak_sounds(rest, raw=True) if rest else {})
-    for w in missing:
-        _pronunciations[w] = lex.get(w, [])
+    if missing:
+        _pronunciations.update(texts.espeak_sounds(missing, raw=True))
 
 
 def _spell(phones, language):
@@ -76,7 +73,8 @@ def _spell(phones, language):
 
 def respell(text, language):
     """-> (respelled text, {respelled word: English word}).  Punctuation is
-    kept for the voice's phrasing; a word with no known sounds is left out."""
+    kept for the voice's phrasing; a word with no known sounds is left out.
+    Pronunciations come from prepare(), which is called for what is missing."""
     prepare(texts.norm_words(text))
     out, back = [], {}
     for tok in re.findall(r"[A-Za-z']+|[,.!?;:]", text):

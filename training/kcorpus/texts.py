@@ -117,14 +117,15 @@ def differing(each, target):
 
 def load_lexicon(keep, raw=False):
     """-> {word: sounds} from the CMU lexicon, first pronunciation of each
-    word of `keep` (a set of lower-case words); `raw`: every phone as the
-    lexicon writes it, stress marks dropped (for counting syllables)."""
+    word of `keep` (a set of lower-case words; None: every word); `raw`:
+    every phone as the lexicon writes it, stress marks dropped (for counting
+    syllables)."""
     shape = (lambda ps: [re.sub(r"[0-9]", "", p.upper()) for p in ps]) if raw else sounds
     lex = {}
     with open(LEXICON_FILE, encoding="latin-1") as f:
         for line in f:
             m = re.match(r'\("([a-z]+)" \S+ (.*)\)\s*$', line)
-            if not m or m.group(1) not in keep or m.group(1) in lex:
+            if not m or (keep is not None and m.group(1) not in keep) or m.group(1) in lex:
                 continue
             lex[m.group(1)] = shape(re.findall(r"[a-z]+[0-9]?", m.group(2)))
     return lex

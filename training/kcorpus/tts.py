@@ -24,7 +24,7 @@ from dataclasses import dataclass, field
 
 import numpy as np
 
-from . import audio, respell
+from . import audio, respell, texts
 
 # ---------------------------------------------------------------- phonemes
 
@@ -224,6 +224,8 @@ def _festival_many(reqs):
     # Festival reads and prints bytes: each line goes in its voice's
     # encoding, and the output is read back byte for byte (latin-1).
     back = [{} for _ in reqs]
+    respell.prepare(w for v, _, _, text in reqs if v in FOREIGN_VOICES
+                    for w in texts.norm_words(text))
     with tempfile.TemporaryDirectory(prefix="kfest") as tmp:
         lines, cur = [], None
         for i in order:
