@@ -63,6 +63,9 @@ def main():
                     help="also write noise-free copies of the test positives")
     ap.add_argument("--train-flite-voices", default="",
                     help="override the Flite voices used in train (comma separated)")
+    ap.add_argument("--foreign-voices", action="store_true",
+                    help="train and dev also hear Festival's voices of other languages "
+                         "saying English respelled (training/README.md)")
     ap.add_argument("--sample", metavar="OUT.wav",
                     help="only write one short demo clip and exit")
     ap.add_argument("--no-install", action="store_true",
@@ -85,6 +88,7 @@ def main():
         "noise_ratio": a.noise_ratio, "stream_seconds": a.stream_seconds,
         "test_snr": a.test_snr, "test_clean": a.test_clean,
         "flite_voices": {"train": [v for v in a.train_flite_voices.split(",") if v]},
+        "foreign_voices": a.foreign_voices,
     }
     if a.sample:
         print(json.dumps(build.make_sample(a.sample, cfg)))

@@ -21,7 +21,7 @@ def tiny_cfg(out, jobs):
             "hours": {s: 20 / 3600 for s in build.SPLITS},
             "confusable_ratio": 0.5, "negative_ratio": 0.5, "noise_ratio": 0.25,
             "stream_seconds": 20.0, "test_snr": 10.0, "test_clean": False,
-            "flite_voices": {}}
+            "flite_voices": {}, "foreign_voices": True}
 
 
 def load(out, split):
