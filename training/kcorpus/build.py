@@ -13,7 +13,7 @@ import time
 
 import numpy as np
 
-from . import audio, respell, texts, tts
+from . import audio, texts, tts
 from .synth_server import RANDOM_VARIANT
 
 SPLITS = ("train", "dev", "test")
@@ -149,7 +149,6 @@ def load_text(phrase):
         near = {s: [] for s in SPLITS}
         for t in texts.near_phrases(phrase, phon, allw):
             near[texts.split_of(t)].append(t)
-        respell.prepare()       # the lexicon, once, shared by the workers
         _TEXT.update(phrase=phrase, sentences=texts.load_sentences(phrase),
                      words=words, near_words=texts.near_words(phrase, words),
                      near_phrases=near, phonetics=phon)

@@ -49,8 +49,8 @@ _pronunciations = {}
 
 def prepare(words=()):
     """Make sure the pronunciations of `words` are known: the CMU lexicon
-    is read whole on the first call (call it before forking workers, so
-    they share it), and eSpeak NG is asked once for the words it lacks."""
+    is read whole on a process's first call (a fraction of a second), and
+    eSpeak NG is asked once for the words it lacks."""
     if not _pronunciations:
         _pronunciations.update(texts.load_lexicon(None, raw=True))
     missing = sorted({w for w in words if w not in _pronunciations})
