@@ -1,7 +1,7 @@
 // One hour of audio through the whole chain (HotwordDetector: source,
 // filterbank, network and detector), in two configurations:
 //   typical: the bundled model, models/hey-kestrel.kmodel (one hotword,
-//     Viterbi search);
+//     searched as its file says);
 //   two-hotwords: a representative network (40 features spliced -10..+5,
 //     affine 640x128, 128x128, 128x128, 128x12 with ReLU, softmax; random
 //     weights) with two five-unit Viterbi hotwords.

@@ -27,9 +27,11 @@ namespace kestrel {
 
 struct SearchTuningOptions {
   std::vector<int32> methods{1, 2, 3, 6, 7, 8};
-  std::vector<int32> smooth_windows{1, 5, 10};
+  // Smoothing beyond 10 frames pays for the naive search, whose peaks it
+  // steadies (dev: 15.9% missed at smooth 15 against 19.0% at 10).
+  std::vector<int32> smooth_windows{1, 5, 10, 15, 20};
   // Span (= slide window) as a multiple of the mean hotword duration.
-  std::vector<double> span_factors{0.9, 1.15};
+  std::vector<double> span_factors{0.9, 1.15, 1.4};
   std::vector<float> floors{0.05f, 0.3f};
   // Higher floors also tried on the first unit alone: near phrases that end
   // in the hotword's last word ("haw kestrel") differ from it only there.

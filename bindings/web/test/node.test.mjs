@@ -68,7 +68,8 @@ test('audio at 48 and 44.1 kHz lands where the native command finds it at 16 kHz
     found.forEach((f, i) => {
       assert.equal(f.seconds, f.sample / to);
       const want = expected[i].sample / rate;
-      assert.ok(Math.abs(f.seconds - want) <= 0.010, `${f.seconds} s against ${want} s at ${to} Hz`);
+      // Within one 10 ms frame; the margin keeps a whole frame from failing on rounding.
+      assert.ok(Math.abs(f.seconds - want) <= 0.0101, `${f.seconds} s against ${want} s at ${to} Hz`);
     });
   }
 });
