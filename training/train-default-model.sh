@@ -7,8 +7,8 @@
 # About 1 h 15 min on a 2-core machine, the trainer holding up to 5.3 GB of
 # memory (with the corpus already made: features 15 s, training 3069 s,
 # tuning 1271 s over the naive and Viterbi searches); making the train and
-# dev corpus adds about 8 minutes. The trainer is deterministic: a second run gave the same
-# held-out loss after every pass and the same dev figures.
+# dev corpus adds about 8 minutes. The trainer is deterministic: a second
+# run gave the same held-out loss after every pass and the same dev figures.
 # Environment overrides:
 #   BUILD   build directory (default: build)
 #   CORPUS  corpus directory (default: training/corpus; reused if complete)
