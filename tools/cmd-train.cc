@@ -174,6 +174,9 @@ int RunTrain(int argc, char** argv) {
   parser.AddInt("max-masked-bins", &t.max_masked_bins, "augmentation: widest masked band of bins");
   parser.AddInt("max-masked-frames", &t.max_masked_frames,
                 "augmentation: longest run of context frames dropped to a quiet level");
+  parser.AddString("max-tilt-db", &config.max_tilt_db,
+                   "augmentation: largest gain, in dB either way, of each of three smooth "
+                   "curves across the mel bins; 0: none");
   parser.AddString("noise-share", &config.noise_share,
                    "augmentation: share of rows mixed with another row's sound, in [0, 1]; 0: none");
   parser.AddInt("noise-min-snr", &t.noise_min_snr_db, "augmentation: lowest SNR of that mix, in dB");
@@ -259,6 +262,10 @@ int RunTrain(int argc, char** argv) {
     const double noise = ConvertStringToIntegerOrFloat<double>(config.noise_share);
     if (!(noise >= 0.0 && noise <= 1.0)) {
       return UsageError("train", "--noise-share must be between 0 and 1, not " + config.noise_share);
+    }
+    const double tilt = ConvertStringToIntegerOrFloat<double>(config.max_tilt_db);
+    if (!(tilt >= 0.0 && tilt <= 40.0)) {
+      return UsageError("train", "--max-tilt-db must be between 0 and 40, not " + config.max_tilt_db);
     }
     const double dropout = ConvertStringToIntegerOrFloat<double>(config.dropout);
     if (!(dropout >= 0.0 && dropout < 1.0)) {

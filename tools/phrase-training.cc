@@ -189,6 +189,8 @@ StageKeys PhraseRun::Keys() const {
       << " batch=" << t.batch_size << " augment=" << t.max_bin_shift << ","
       << t.max_masked_bins << "," << t.max_masked_frames << " noise=" << config_.noise_share << ","
       << t.noise_min_snr_db << "," << t.noise_max_snr_db << " dropout=" << config_.dropout;
+  // Only when on, so that work directories made before the knob keep their network.
+  if (config_.max_tilt_db != "0") key << " tilt=" << config_.max_tilt_db;
   keys.training = key.str();
   key << " | methods=" << config_.methods << " output-scales=" << config_.output_scales
       << " max-fa=" << config_.max_fa

@@ -223,6 +223,33 @@ void AugmentRows(const Splice& splice, const HotwordTrainerOptions& options, std
   }
 }
 
+// Tilts raw (log-mel) training rows in place, as
+// HotwordTrainerOptions::max_tilt_db describes, before normalisation, where
+// a gain in dB is the same for every bin.
+void TiltRows(const Splice& splice, const HotwordTrainerOptions& options, std::mt19937* rng,
+              Matrix* rows) {
+  if (options.max_tilt_db <= 0.0f) return;
+  constexpr int kCosines = 3;
+  const int feature_dim = splice.InputDim();
+  const float nats_per_db = static_cast<float>(std::log(10.0) / 10.0);  // of power
+  const double pi = std::acos(-1.0);
+  std::uniform_real_distribution<float> gain_of(-options.max_tilt_db, options.max_tilt_db);
+  std::vector<float> curve(feature_dim);
+  for (int r = 0; r < rows->NumRows(); ++r) {
+    std::fill(curve.begin(), curve.end(), 0.0f);
+    for (int k = 1; k <= kCosines; ++k) {
+      const float gain = gain_of(*rng) * nats_per_db;
+      for (int b = 0; b < feature_dim; ++b) {
+        curve[b] += gain * static_cast<float>(std::cos(pi * k * (b + 0.5) / feature_dim));
+      }
+    }
+    float* row = rows->RowData(r);
+    for (int base = 0; base + feature_dim <= rows->NumCols(); base += feature_dim) {
+      for (int b = 0; b < feature_dim; ++b) row[base + b] += curve[b];
+    }
+  }
+}
+
 // Loss and accuracy over at most `max_frames` held-out frames, unit and
 // filler frames in their natural proportion, plus the accuracy on the unit
 // frames alone (which the overall figure hides: filler dominates).
@@ -438,6 +465,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       size_t n = std::min(frames.size() - first, static_cast<size_t>(options.batch_size));
       train.MakeBatch(frames, first, n, &rows, &labels);
       MixNoiseRows(labels, options, &rng, &rows);
+      TiltRows(train.GetSplice(), options, &rng, &rows);
       Normalise(shift, scale, &rows);
       AugmentRows(train.GetSplice(), options, &rng, &rows);
       loss += trainer->TrainOnBatch(rows, labels) * n;

@@ -57,6 +57,11 @@ struct HotwordTrainerOptions {
   // would make it (voices whose closures are longer than the training
   // voices' otherwise lose the units around them).
   int32 max_masked_frames = 6;
+  // A random smooth tilt of the spectrum, the same for every frame of a row:
+  // each of the three slowest cosines across the mel bins gets a gain of up
+  // to this many dB either way, as another speaker's glottal source or
+  // another microphone would shape it. 0: off (no random numbers drawn).
+  float max_tilt_db = 0.0f;
   // Noise mixed afresh each epoch: this share of the rows gets a filler row
   // of the same minibatch (speech, noise or quiet) added in the power domain
   // at a signal-to-noise ratio drawn from [noise_min_snr_db,
