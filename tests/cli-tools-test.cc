@@ -253,6 +253,8 @@ TEST_F(DetectCommandTest, BadCommandLinesExitWithStatusTwo) {
       {Detect("--bogus" + whistles), "kestrel detect: unknown option \"--bogus\""},
       {Detect("--slide-step=two" + whistles),
        "kestrel detect: --slide-step needs an integer, got \"two\""},
+      {"train --corpus=c --out=m.kmodel --dropout=half",
+       "kestrel train: --dropout needs a number, got \"half\""},
       {Detect(""), "kestrel detect: no input: give WAV files, or - for standard input"},
       {Detect("--rate=96000 -"), "kestrel detect: --rate must be from 8000 to 48000, got 96000"},
       {Detect("--format=s24le -"), "kestrel detect: --format must be s16le or f32le, got \"s24le\""},

@@ -1,6 +1,7 @@
 #include "args.h"
 
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <limits>
 #include <iostream>
@@ -25,6 +26,10 @@ void ArgParser::AddString(const std::string& name, std::string* value, const std
 
 void ArgParser::AddInt(const std::string& name, int32* value, const std::string& help) {
   options_.push_back({name, Kind::kInt, value, help, std::to_string(*value)});
+}
+
+void ArgParser::AddNumber(const std::string& name, std::string* value, const std::string& help) {
+  options_.push_back({name, Kind::kNumber, value, help, *value});
 }
 
 void ArgParser::AddFlag(const std::string& name, bool* value, const std::string& help) {
@@ -53,6 +58,16 @@ bool ArgParser::SetValue(const Option& option, const std::string& text, std::str
         return false;
       }
       *static_cast<int32*>(option.value) = static_cast<int32>(v);
+      return true;
+    }
+    case Kind::kNumber: {
+      char* end = nullptr;
+      const double v = std::strtod(text.c_str(), &end);
+      if (text.empty() || *end != '\0' || !std::isfinite(v)) {
+        *error = "--" + option.name + " needs a number, got \"" + text + "\"";
+        return false;
+      }
+      *static_cast<std::string*>(option.value) = text;
       return true;
     }
     case Kind::kFlag:
@@ -134,6 +149,7 @@ std::string ArgParser::Help() const {
     std::string synopsis = "  --" + option.name;
     if (option.kind == Kind::kInt) synopsis += "=N";
     if (option.kind == Kind::kString) synopsis += "=S";
+    if (option.kind == Kind::kNumber) synopsis += "=X";
     os << synopsis;
     if (synopsis.size() < 26) {
       os << std::string(26 - synopsis.size(), ' ');

@@ -29,6 +29,9 @@ class ArgParser {
 
   void AddString(const std::string& name, std::string* value, const std::string& help);
   void AddInt(const std::string& name, int32* value, const std::string& help);
+  // A real number kept as typed (run stamps and reports show it so); one
+  // that is not a finite number is a usage error naming the option.
+  void AddNumber(const std::string& name, std::string* value, const std::string& help);
   void AddFlag(const std::string& name, bool* value, const std::string& help);
 
   // Parses arguments [first, argc) of argv. On a malformed command line
@@ -47,7 +50,7 @@ class ArgParser {
   std::string Help() const;
 
  private:
-  enum class Kind { kString, kInt, kFlag };
+  enum class Kind { kString, kInt, kNumber, kFlag };
   struct Option {
     std::string name;  // without the leading "--"
     Kind kind;

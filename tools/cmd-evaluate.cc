@@ -195,11 +195,11 @@ int RunEvaluate(int argc, char** argv) {
   parser.AddString("cache-dir", &config.cache_dir, "where features are cached (default: the corpus)");
   parser.AddString("report", &config.report, "also write the markdown report to this file");
   parser.AddString("det", &config.det, "draw the DET curves into this PNG file");
-  parser.AddString("tolerance", &config.tolerance,
+  parser.AddNumber("tolerance", &config.tolerance,
                    "seconds after a hotword's end in which a detection still counts");
-  parser.AddString("max-fa-per-hour", &config.max_fa,
+  parser.AddNumber("max-fa-per-hour", &config.max_fa,
                    "false alarm budget when tuning the compared methods");
-  parser.AddString("max-near-accept", &config.max_near,
+  parser.AddNumber("max-near-accept", &config.max_near,
                    "near-phrase acceptance allowed when tuning the compared methods");
   parser.AddInt("threads", &config.threads, "worker threads");
   AddCorpusScanOptions(&parser, &detector);

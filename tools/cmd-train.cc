@@ -167,39 +167,39 @@ int RunTrain(int argc, char** argv) {
                    "a time-delay network: per hidden layer, the frame offsets it reads from the "
                    "layer below, e.g. \"-1,0,1 -2,0,2 -4,0,4 -8,0\" (sets the number of hidden "
                    "layers, and the context is what they reach together)");
-  parser.AddString("filler-fraction", &config.filler_fraction,
+  parser.AddNumber("filler-fraction", &config.filler_fraction,
                    "share of filler frames in each epoch, in (0, 1)");
   parser.AddInt("batch-size", &t.batch_size, "frames per minibatch");
   parser.AddInt("max-bin-shift", &t.max_bin_shift, "augmentation: largest shift of the mel bins");
   parser.AddInt("max-masked-bins", &t.max_masked_bins, "augmentation: widest masked band of bins");
   parser.AddInt("max-masked-frames", &t.max_masked_frames,
                 "augmentation: longest run of context frames dropped to a quiet level");
-  parser.AddString("max-tilt-db", &config.max_tilt_db,
+  parser.AddNumber("max-tilt-db", &config.max_tilt_db,
                    "augmentation: largest gain, in dB either way, of each of three smooth "
                    "curves across the mel bins; 0: none");
-  parser.AddString("noise-share", &config.noise_share,
+  parser.AddNumber("noise-share", &config.noise_share,
                    "augmentation: share of rows mixed with another row's sound, in [0, 1]; 0: none");
   parser.AddInt("noise-min-snr", &t.noise_min_snr_db, "augmentation: lowest SNR of that mix, in dB");
   parser.AddInt("noise-max-snr", &t.noise_max_snr_db, "augmentation: highest SNR of that mix, in dB");
-  parser.AddString("dropout", &config.dropout,
+  parser.AddNumber("dropout", &config.dropout,
                    "share of the hidden layers' outputs dropped at each training step, in [0, 1); "
                    "0: none");
-  parser.AddString("hard-filler-share", &config.hard_filler_share,
+  parser.AddNumber("hard-filler-share", &config.hard_filler_share,
                    "share of each epoch's filler mined as the hardest frames, in [0, 1]; 0: none");
-  parser.AddString("hard-hotword-share", &config.hard_hotword_share,
+  parser.AddNumber("hard-hotword-share", &config.hard_hotword_share,
                    "hotword frames the network gets most wrong, this share of all of them, "
                    "trained on twice in each epoch once mining starts, in [0, 1]; 0: none");
   parser.AddInt("mining-pool", &t.mining_pool,
                 "mining: frames scored per hard frame kept");
-  parser.AddString("learning-rate", &config.learning_rate, "Adam step size");
+  parser.AddNumber("learning-rate", &config.learning_rate, "Adam step size");
   parser.AddInt("seed", &seed, "random seed (initial weights, sampling, and the corpus)");
   parser.AddString("methods", &config.methods, "search methods to choose from, comma-separated");
   parser.AddString("output-scales", &config.output_scales,
                    "factors for the network's output layer to choose from with the search, "
                    "comma-separated: above 1 sharpens the posteriors, below 1 flattens them");
-  parser.AddString("max-fa-per-hour", &config.max_fa,
+  parser.AddNumber("max-fa-per-hour", &config.max_fa,
                    "false alarms per hour allowed on the held-out split");
-  parser.AddString("max-near-accept", &config.max_near,
+  parser.AddNumber("max-near-accept", &config.max_near,
                    "share of the held-out near phrases the detector may accept");
   parser.AddInt("threads", &config.threads, "worker threads (and corpus synthesis processes)");
   parser.AddFlag("text", &config.text, "write the model in text form");

@@ -110,9 +110,9 @@ int RunTune(int argc, char** argv) {
   parser.AddString("model", &config.model, "the model file (one model); required");
   parser.AddString("positives", &config.positives, "recordings of the phrase; required");
   parser.AddString("negatives", &config.negatives, "background audio; required");
-  parser.AddString("max-fa-per-hour", &config.max_fa,
+  parser.AddNumber("max-fa-per-hour", &config.max_fa,
                    "false alarms per hour of background audio the recommendation allows");
-  parser.AddString("step", &config.step, "distance between the sensitivities tried");
+  parser.AddNumber("step", &config.step, "distance between the sensitivities tried");
   parser.AddInt("threads", &config.threads, "worker threads");
   parser.AddFlag("write", &config.write, "write the recommended sensitivity into the model");
   std::vector<std::string> positional;
