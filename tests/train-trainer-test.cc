@@ -212,11 +212,23 @@ double UnitAccuracy(const Nnet& nnet, const FeatureSet& set, const std::vector<s
   return static_cast<double>(correct) / total;
 }
 
-TEST(HotwordTrainer, NoiseMixingHoldsUpUnderAddedSound) {
-  FeatureSet train_set, clean_dev, noisy_dev;
+// The toy corpus's train clips and held-out clips of the robustness tests.
+struct ToySplits {
+  FeatureSet train, dev;
   std::vector<std::vector<int>> train_labels, dev_labels;
-  ToyCorpus(100, 4, &train_set, &train_labels);
-  ToyCorpus(20, 5, &clean_dev, &dev_labels);
+};
+ToySplits RobustnessSplits() {
+  ToySplits s;
+  ToyCorpus(100, 4, &s.train, &s.train_labels);
+  ToyCorpus(20, 5, &s.dev, &s.dev_labels);
+  return s;
+}
+
+TEST(HotwordTrainer, NoiseMixingHoldsUpUnderAddedSound) {
+  const ToySplits toy = RobustnessSplits();
+  const FeatureSet& clean_dev = toy.dev;
+  const std::vector<std::vector<int>>& dev_labels = toy.dev_labels;
+  FeatureSet noisy_dev;
   std::mt19937 rng(6);
   std::uniform_real_distribution<float> snr_db(-3.0f, 3.0f);
   for (int c = 0; c < clean_dev.NumClips(); ++c) {
@@ -236,7 +248,7 @@ TEST(HotwordTrainer, NoiseMixingHoldsUpUnderAddedSound) {
   HotwordTrainerOptions options = FrameByFrameOptions(16, 8);
   options.noise_min_snr_db = 0;
   options.noise_max_snr_db = 10;
-  TrainingFrames train(&train_set, train_labels, MakeSplice(4, options));
+  TrainingFrames train(&toy.train, toy.train_labels, MakeSplice(4, options));
   auto unit_accuracy = [&](const Nnet& nnet) { return UnitAccuracy(nnet, noisy_dev, dev_labels); };
   const double clean_trained = unit_accuracy(TrainHotwordNetwork(train, nullptr, options, {}));
   options.noise_share = 0.5;
@@ -256,10 +268,9 @@ TEST(HotwordTrainer, NoiseMixingHoldsUpUnderAddedSound) {
 // features, the same for every frame of a clip) are labelled better by a
 // network trained on randomly tilted rows.
 TEST(HotwordTrainer, TiltHoldsUpUnderAnotherSpectralSlope) {
-  FeatureSet train_set, dev_set, sloped_dev;
-  std::vector<std::vector<int>> train_labels, dev_labels;
-  ToyCorpus(100, 4, &train_set, &train_labels);
-  ToyCorpus(20, 5, &dev_set, &dev_labels);
+  const ToySplits toy = RobustnessSplits();
+  const FeatureSet& dev_set = toy.dev;
+  FeatureSet sloped_dev;
   std::mt19937 rng(7);
   std::uniform_real_distribution<float> slope_of(-2.0f, 2.0f);
   for (int c = 0; c < dev_set.NumClips(); ++c) {
@@ -274,10 +285,10 @@ TEST(HotwordTrainer, TiltHoldsUpUnderAnotherSpectralSlope) {
   options.left_context = 8;
   options.right_context = 0;
   options.max_masked_frames = 0;
-  TrainingFrames train(&train_set, train_labels, MakeSplice(4, options));
-  const double plain = UnitAccuracy(TrainHotwordNetwork(train, nullptr, options, {}), sloped_dev, dev_labels);
+  TrainingFrames train(&toy.train, toy.train_labels, MakeSplice(4, options));
+  const double plain = UnitAccuracy(TrainHotwordNetwork(train, nullptr, options, {}), sloped_dev, toy.dev_labels);
   options.max_tilt_db = 4.0f;
-  const double tilted = UnitAccuracy(TrainHotwordNetwork(train, nullptr, options, {}), sloped_dev, dev_labels);
+  const double tilted = UnitAccuracy(TrainHotwordNetwork(train, nullptr, options, {}), sloped_dev, toy.dev_labels);
   std::printf("unit accuracy on sloped clips: plain %.3f, tilt-trained %.3f\n", plain, tilted);
   EXPECT_GT(tilted, plain + 0.05);
 }
