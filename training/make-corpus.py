@@ -66,6 +66,9 @@ def main():
     ap.add_argument("--foreign-voices", action="store_true",
                     help="train and dev also hear Festival's voices of other languages "
                          "saying English respelled (training/README.md)")
+    ap.add_argument("--english-voices", action="store_true",
+                    help="train and dev also hear recorded English speakers from Debian's "
+                         "contrib and non-free sections (install-english-voices.sh)")
     ap.add_argument("--sample", metavar="OUT.wav",
                     help="only write one short demo clip and exit")
     ap.add_argument("--no-install", action="store_true",
@@ -74,6 +77,8 @@ def main():
 
     if not a.no_install:
         subprocess.run([os.path.join(HERE, "install-deps.sh")], check=True)
+        if a.english_voices:
+            subprocess.run([os.path.join(HERE, "install-english-voices.sh")], check=True)
     phrase = " ".join(a.phrase.lower().split())
     if a.check_phrase:
         verdict = phrase_check.check_phrase(phrase)
@@ -88,7 +93,7 @@ def main():
         "noise_ratio": a.noise_ratio, "stream_seconds": a.stream_seconds,
         "test_snr": a.test_snr, "test_clean": a.test_clean,
         "flite_voices": {"train": [v for v in a.train_flite_voices.split(",") if v]},
-        "foreign_voices": a.foreign_voices,
+        "foreign_voices": a.foreign_voices, "english_voices": a.english_voices,
     }
     if a.sample:
         print(json.dumps(build.make_sample(a.sample, cfg)))

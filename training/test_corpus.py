@@ -219,6 +219,34 @@ class Pieces(unittest.TestCase):
             so = u.locate(["kestrel", "so"])[0]
             self.assertLess(u.phones[so][2], u.phones[first][1], r)
 
+    def test_recorded_english_voices(self):
+        # The British voices' MRPA phones read as the same English sounds as
+        # the American ones'; dev's speakers are not train's, and near
+        # phrases are said in English voices only.
+        missing = [v for v in tts.ENGLISH_VOICES
+                   if not os.path.isdir("/usr/share/festival/voices/english/" + v)]
+        if missing:
+            self.skipTest("training/install-english-voices.sh has not installed %s" % missing)
+        text = "so hey kestrel the end"
+        reqs = [dict(engine="festival", voice=v, rate=1.0, pitch=110, text=text)
+                for v in ("rab_diphone", "en1_mbrola", "us1_mbrola")]
+        for r, u in zip(reqs, tts.synth_many(reqs)):
+            first, last = u.locate(["hey", "kestrel"])
+            self.assertEqual([tts.to_arpa("festival", p[0]) for p in u.phones[first:last + 1]],
+                             ["HH", "EY", "K", "EH", "S", "T", "R", "AX", "L"], r["voice"])
+        pools = build.ENGLISH_FESTIVAL_VOICES
+        self.assertFalse(set(pools["train"]) & set(pools["dev"]))
+        cfg = {"english_voices": True, "foreign_voices": True, "flite_voices": {}}
+        rng = np.random.default_rng(3)
+        for split in ("train", "dev"):
+            for kind in ("positive", "confusable", "stream"):
+                voices = {build.sample_voice(rng, split, cfg, kind)["voice"] for _ in range(400)}
+                english = voices & set(tts.ENGLISH_VOICES)
+                self.assertEqual(english, set(pools[split]), (split, kind))
+                self.assertEqual(bool(voices & set(tts.FOREIGN_VOICES)), kind != "confusable")
+        self.assertFalse({build.sample_voice(rng, "test", cfg)["voice"] for _ in range(400)}
+                         & set(tts.ENGLISH_VOICES))
+
     def test_reverb_keeps_onset(self):
         ir = audio.room_ir(np.random.default_rng(0), 0.6, 3.0)
         x = np.zeros(16000, np.float32)

@@ -76,6 +76,12 @@ FESTIVAL_VOICES = {"train": ["czech_dita", "czech_krb", "czech_machac", "czech_p
                    "dev": ["hy_fi_mv_diphone", "lp_diphone", "pc_diphone",
                            "suo_fi_lj_diphone"],
                    "test": list(tts.FESTIVAL_VOICES), "sample": list(tts.FESTIVAL_VOICES)}
+# With `english_voices`, train and dev also get Festival's recorded English
+# speakers that test's voices are not built from (tts.ENGLISH_VOICES), in
+# the same shares as the foreign voices; dev's are other speakers than
+# train's. These say the near phrases too, their phones being English.
+ENGLISH_FESTIVAL_VOICES = {"train": ["rab_diphone", "us2_mbrola", "us3_mbrola"],
+                           "dev": ["en1_mbrola", "us1_mbrola"]}
 ENGINE_MIX = {"train": {"espeak-ng": 0.6, "flite": 0.4},
               "dev": {"espeak-ng": 0.6, "flite": 0.4},
               "test": {"espeak-ng": 0.5, "festival": 0.5},
@@ -94,16 +100,25 @@ FOREIGN_STREAM_MIX = {"train": {"espeak-ng": 0.75, "flite": 0.15, "festival": 0.
 def engine_mix(cfg, split, kind):
     """-> {engine: share} for a clip of `kind` (or a long recording's
     talkers, kind "stream")."""
-    # Near phrases are said by the English engines only: where one sounds
-    # unlike the hotword is found by comparing its phones with the
-    # hotword's, and a foreign phone set meets English only roughly.
-    if kind == "confusable":
-        return ENGINE_MIX[split]
-    plain, foreign = (STREAM_MIX, FOREIGN_STREAM_MIX) if kind == "stream" else (
+    plain, more = (STREAM_MIX, FOREIGN_STREAM_MIX) if kind == "stream" else (
         ENGINE_MIX, FOREIGN_ENGINE_MIX)
-    if cfg.get("foreign_voices") and split in foreign:
-        return foreign[split]
+    if festival_pool(cfg, split, kind) and split in more:
+        return more[split]
     return plain[split]
+
+
+def festival_pool(cfg, split, kind):
+    """-> the voices of train's or dev's extra Festival speakers that may say
+    a clip of `kind` ([] when the options add none)."""
+    # Near phrases are said in English only: where one sounds unlike the
+    # hotword is found by comparing its phones with the hotword's, and a
+    # foreign phone set meets English only roughly.
+    pool = []
+    if cfg.get("foreign_voices") and kind != "confusable":
+        pool += FESTIVAL_VOICES.get(split, []) if split in ("train", "dev") else []
+    if cfg.get("english_voices"):
+        pool += ENGLISH_FESTIVAL_VOICES.get(split, [])
+    return pool
 
 # Train doubled from 10000 positives and 6 h: nine passes over it missed
 # fewer dev hotwords at every false alarm budget than twelve over the
@@ -173,7 +188,7 @@ def sample_voice(rng, split, cfg, kind="positive"):
         return dict(engine=eng, voice=pool[rng.integers(len(pool))],
                     rate=round(float(rng.uniform(*STRETCH[split])), 2),  # duration stretch
                     pitch=round(float(rng.uniform(0.8, 1.25)), 2))  # f0 shift factor
-    pool = FESTIVAL_VOICES[split]
+    pool = festival_pool(cfg, split, kind) if split in ("train", "dev") else FESTIVAL_VOICES[split]
     voice = pool[rng.integers(len(pool))]
     lo, hi = STRETCH["test" if split == "sample" else split]
     if voice.endswith("_hts"):
@@ -181,9 +196,10 @@ def sample_voice(rng, split, cfg, kind="positive"):
         # pitch shift.
         return dict(engine=eng, voice=voice, rate=round(float(1 / rng.uniform(lo, hi)), 2),
                     pitch=None)
-    # Target F0 in Hz: the English voices are men's; the others include
-    # women and a child.
-    top = 151 if voice in tts.FESTIVAL_VOICES else 241
+    # Target F0 in Hz: the English voices are men's but us1; the others
+    # include women and a child.
+    men = set(tts.FESTIVAL_VOICES + tts.ENGLISH_VOICES) - {"us1_mbrola"}
+    top = 151 if voice in men else 241
     return dict(engine=eng, voice=voice, rate=round(float(rng.uniform(lo, hi)), 2),
                 pitch=float(rng.integers(80, top)))
 

@@ -202,6 +202,18 @@ def server():
 # --------------------------------------------------------------- Festival
 
 FESTIVAL_VOICES = ("kal_diphone", "ked_diphone", "cmu_us_slt_arctic_hts")
+# Recorded English speakers that none of the voices above is built from,
+# from Debian's contrib and non-free sections (install-english-voices.sh).
+ENGLISH_VOICES = ("en1_mbrola", "rab_diphone", "us1_mbrola", "us2_mbrola", "us3_mbrola")
+# Of those, the British ones report phones in the MRPA set; mapped here onto
+# the radio set the other English voices use, so that the hotword's phones
+# line up across voices.
+MRPA_VOICES = ("en1_mbrola", "rab_diphone")
+MRPA_TO_RADIO = {
+    "uh": "ah", "e": "eh", "a": "ae", "o": "aa", "i": "ih", "u": "uh", "ii": "iy",
+    "uu": "uw", "oo": "ao", "aa": "aa", "@@": "er", "ai": "ay", "ei": "ey", "oi": "oy",
+    "au": "aw", "ou": "ow", "e@": "eh", "i@": "iy", "u@": "uh", "@": "ax", "h": "hh",
+}
 # Voices of other languages say the English text respelled (respell.py);
 # their phones are reported in their own phone sets (upper-cased).
 FOREIGN_VOICES = tuple(sorted(respell.VOICE_LANGUAGE))
@@ -230,7 +242,7 @@ def _festival_many(reqs):
         lines, cur = [], None
         for i in order:
             voice, rate, pitch, text = reqs[i]
-            if voice not in FESTIVAL_VOICES and voice not in FOREIGN_VOICES:
+            if voice not in FESTIVAL_VOICES + FOREIGN_VOICES + ENGLISH_VOICES:
                 raise ValueError("unknown festival voice %s" % voice)
             encoding = "ascii"
             if voice in FOREIGN_VOICES:
@@ -272,7 +284,10 @@ def _festival_many(reqs):
                 cur = int(parts[1])
                 segs[cur] = []
             elif len(parts) == 3 and cur is not None:
-                segs[cur].append((parts[0], float(parts[1]), back[cur].get(parts[2], parts[2])))
+                sym = parts[0]
+                if reqs[cur][0] in MRPA_VOICES:
+                    sym = MRPA_TO_RADIO.get(sym, sym)
+                segs[cur].append((sym, float(parts[1]), back[cur].get(parts[2], parts[2])))
         res = []
         for i in range(len(reqs)):
             x, sr = audio.read_wav(os.path.join(tmp, "%d.wav" % i))
