@@ -114,10 +114,12 @@ def festival_pool(cfg, split, kind):
     # hotword is found by comparing its phones with the hotword's, and a
     # foreign phone set meets English only roughly.
     pool = []
+    if split not in ENGLISH_FESTIVAL_VOICES:
+        return pool
     if cfg.get("foreign_voices") and kind != "confusable":
-        pool += FESTIVAL_VOICES.get(split, []) if split in ("train", "dev") else []
+        pool += FESTIVAL_VOICES[split]
     if cfg.get("english_voices"):
-        pool += ENGLISH_FESTIVAL_VOICES.get(split, [])
+        pool += ENGLISH_FESTIVAL_VOICES[split]
     return pool
 
 # Train doubled from 10000 positives and 6 h: nine passes over it missed
@@ -188,7 +190,7 @@ def sample_voice(rng, split, cfg, kind="positive"):
         return dict(engine=eng, voice=pool[rng.integers(len(pool))],
                     rate=round(float(rng.uniform(*STRETCH[split])), 2),  # duration stretch
                     pitch=round(float(rng.uniform(0.8, 1.25)), 2))  # f0 shift factor
-    pool = festival_pool(cfg, split, kind) if split in ("train", "dev") else FESTIVAL_VOICES[split]
+    pool = festival_pool(cfg, split, kind) or FESTIVAL_VOICES[split]
     voice = pool[rng.integers(len(pool))]
     lo, hi = STRETCH["test" if split == "sample" else split]
     if voice.endswith("_hts"):
