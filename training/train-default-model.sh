@@ -8,13 +8,13 @@
 #      step size, chooses the search settings and sensitivity on its
 #      held-out split, and writes models/hey-kestrel.kmodel.
 #
-# About 2 hours on a 2-core machine, the trainer holding up to 5.3 GB of
-# memory: the first stage's corpus 8 min, features 85 s, training 3069 s
+# About 2 1/4 hours on a 2-core machine, the trainer holding up to 5.3 GB
+# of memory: the first stage's corpus 8 min, features 85 s, training 3069 s
 # and tuning (the naive search only, as its settings are not kept) about
-# 10 min; the second stage's corpus 10 min, features about 100 s, then
-# 2030 s (a mining pass and the training pass 589 s, tuning the naive and
-# Viterbi searches 1417 s). The trainer is deterministic, whatever the
-# number of threads.
+# 15 min; the second stage's corpus 10 min, features about 100 s, a mining
+# pass and the training pass 589 s, and tuning the naive and Viterbi
+# searches about 35 min (2356 s on shared cores). The trainer is
+# deterministic, whatever the number of threads.
 # Environment overrides:
 #   BUILD           build directory (default: build)
 #   CORPUS          first stage's corpus (default: training/corpus; reused if complete)
@@ -89,7 +89,8 @@ fi
 # pass on that corpus, at a tenth of the step size, missed 27.0% of its dev
 # split's hotwords, against 31.95% for the first stage's recipe trained
 # from random weights on it and 39.4% for the first stage's network as it
-# was, a comparison set up before the runs. Near phrases: at most 5% of
+# was, a comparison set up before the runs (25.85% since the tuning also
+# tries floors of 0.15). Near phrases: at most 5% of
 # dev's accepted, the share allowed on test.
 make_corpus "$ENGLISH_CORPUS" --english-voices
 "$BUILD/tools/kestrel" train --corpus "$ENGLISH_CORPUS" --out "$OUT" --threads "$JOBS" \
