@@ -208,6 +208,7 @@ TEST(TrainPhraseTest, RefusedPhrasesAndMissingScriptsSayWhy) {
       {"--unit-edge-frames -1", "--unit-edge-frames must be at least 0, not -1"},
       {"--near-contrast-frames -2", "--near-contrast-frames must be at least 0, not -2"},
       {"--noise-share -0.1", "--noise-share must be between 0 and 1, not -0.1"},
+      {"--white-noise-share 1.2", "--white-noise-share must be between 0 and 1, not 1.2"},
       {"--dropout 1", "--dropout must be at least 0 and below 1, not 1"},
       {"--noise-min-snr 20 --noise-max-snr 5", "--noise-min-snr 20 is above --noise-max-snr 5"},
       {"--layer-splices '-1,0,1 -2,x'",

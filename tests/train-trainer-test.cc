@@ -264,6 +264,81 @@ TEST(HotwordTrainer, NoiseMixingHoldsUpUnderAddedSound) {
   for (int t = 0; t < 60; ++t) ASSERT_EQ(a.Frame(0, t)[1], b.Frame(0, t)[1]) << "frame " << t;
 }
 
+// Clips of 60 frames of 40 mel bins, labelled as ToyCorpus labels them,
+// shaped like speech: a level falling towards the high bins. Each unit
+// raises a high band strongly and a low band faintly, so that white noise,
+// strongest in the high bins, buries its strong cue.
+void MelToyCorpus(int clips, uint32 seed, FeatureSet* features, std::vector<std::vector<int>>* labels) {
+  std::mt19937 rng(seed);
+  std::normal_distribution<float> noise(0.0f, 0.3f);
+  for (int c = 0; c < clips; ++c) {
+    Matrix m(60, 40);
+    std::vector<int> l(60, 0);
+    for (int t = 0; t < 60; ++t) {
+      l[t] = (t >= 20 && t < 30) ? 1 : (t >= 30 && t < 40) ? 2 : 0;
+      for (int b = 0; b < 40; ++b) {
+        float level = 14.0f - 0.2f * b;
+        if (l[t] == 1) level += (b >= 30 ? 3.0f : 0.0f) + (b >= 4 && b < 8 ? 1.0f : 0.0f);
+        if (l[t] == 2) level += (b >= 20 && b < 30 ? 3.0f : 0.0f) + (b >= 8 && b < 12 ? 1.0f : 0.0f);
+        m(t, b) = level + noise(rng);
+      }
+    }
+    features->Append(m);
+    labels->push_back(l);
+  }
+}
+
+// Held-out frames with white noise at 0-6 dB below each frame's power are
+// labelled better by a network trained with white noise mixed in.
+TEST(HotwordTrainer, WhiteNoiseMixingHoldsUpInWhiteNoise) {
+  FeatureSet train_set, clean_dev, noisy_dev;
+  std::vector<std::vector<int>> train_labels, dev_labels;
+  MelToyCorpus(100, 8, &train_set, &train_labels);
+  MelToyCorpus(20, 9, &clean_dev, &dev_labels);
+  std::mt19937 rng(10);
+  std::normal_distribution<float> sample(0.0f, 300.0f);
+  std::vector<int16_t> samples(160 * (60 * 20 + 2));
+  for (int16_t& x : samples) x = static_cast<int16_t>(sample(rng));
+  const Matrix white = ComputeSampleFeatures(samples);
+  std::uniform_real_distribution<float> snr_db(0.0f, 6.0f);
+  auto power = [](const float* x) {
+    double sum = 0.0;
+    for (int b = 0; b < 40; ++b) sum += std::exp(x[b]);
+    return static_cast<float>(std::log(sum));
+  };
+  for (int c = 0; c < clean_dev.NumClips(); ++c) {
+    Matrix m(60, 40);
+    for (int t = 0; t < 60; ++t) {
+      const float* x = clean_dev.Frame(c, t);
+      const float* n = white.RowData(c * 60 + t);
+      const float gain = power(x) - power(n) - snr_db(rng) * std::log(10.0f) / 10.0f;
+      for (int b = 0; b < 40; ++b) m(t, b) = std::log(std::exp(x[b]) + std::exp(n[b] + gain));
+    }
+    noisy_dev.Append(m);
+  }
+  HotwordTrainerOptions options = FrameByFrameOptions(16, 8);
+  options.max_bin_shift = 0;
+  options.noise_min_snr_db = 0;
+  options.noise_max_snr_db = 10;
+  TrainingFrames train(&train_set, train_labels, MakeSplice(40, options));
+  const double clean_trained =
+      UnitAccuracy(TrainHotwordNetwork(train, nullptr, options, {}), noisy_dev, dev_labels);
+  options.white_noise_share = 0.5;
+  const Nnet noise_trained = TrainHotwordNetwork(train, nullptr, options, {});
+  const double noisy = UnitAccuracy(noise_trained, noisy_dev, dev_labels);
+  std::printf("unit accuracy in white noise: clean-trained %.3f, white-noise-trained %.3f\n",
+              clean_trained, noisy);
+  EXPECT_GT(noisy, clean_trained + 0.05);
+  EXPECT_GT(UnitAccuracy(noise_trained, clean_dev, dev_labels), 0.9);
+  // The noise comes from the front end, so it only fits its features.
+  FeatureSet four_bins;
+  std::vector<std::vector<int>> four_labels;
+  ToyCorpus(4, 1, &four_bins, &four_labels);
+  TrainingFrames four(&four_bins, four_labels, MakeSplice(4, options));
+  EXPECT_EQ(KESTREL_ERROR_TEXT(TrainHotwordNetwork(four, nullptr, options, {})),
+            "white noise mixing needs the front end's 40 mel bins, but the features have 4");
+}
+
 // Held-out clips whose spectrum slopes another way (a ramp across the
 // features, the same for every frame of a clip) are labelled better by a
 // network trained on randomly tilted rows.

@@ -181,6 +181,9 @@ int RunTrain(int argc, char** argv) {
                    "augmentation: share of rows mixed with another row's sound, in [0, 1]; 0: none");
   parser.AddInt("noise-min-snr", &t.noise_min_snr_db, "augmentation: lowest SNR of that mix, in dB");
   parser.AddInt("noise-max-snr", &t.noise_max_snr_db, "augmentation: highest SNR of that mix, in dB");
+  parser.AddNumber("white-noise-share", &config.white_noise_share,
+                   "augmentation: share of rows mixed with fresh white noise, at an SNR between "
+                   "--noise-min-snr and --noise-max-snr, in [0, 1]; 0: none");
   parser.AddNumber("dropout", &config.dropout,
                    "share of the hidden layers' outputs dropped at each training step, in [0, 1); "
                    "0: none");
@@ -262,6 +265,11 @@ int RunTrain(int argc, char** argv) {
     const double noise = ConvertStringToIntegerOrFloat<double>(config.noise_share);
     if (!(noise >= 0.0 && noise <= 1.0)) {
       return UsageError("train", "--noise-share must be between 0 and 1, not " + config.noise_share);
+    }
+    const double white = ConvertStringToIntegerOrFloat<double>(config.white_noise_share);
+    if (!(white >= 0.0 && white <= 1.0)) {
+      return UsageError("train", "--white-noise-share must be between 0 and 1, not " +
+                                     config.white_noise_share);
     }
     const double tilt = ConvertStringToIntegerOrFloat<double>(config.max_tilt_db);
     if (!(tilt >= 0.0 && tilt <= 40.0)) {

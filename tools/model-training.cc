@@ -78,6 +78,7 @@ Nnet TrainNetwork(const TrainConfig& config, const CorpusSplit& train, const Cor
   options.hard_filler_share = ConvertStringToIntegerOrFloat<double>(config.hard_filler_share);
   options.hard_hotword_share = ConvertStringToIntegerOrFloat<double>(config.hard_hotword_share);
   options.noise_share = ConvertStringToIntegerOrFloat<double>(config.noise_share);
+  options.white_noise_share = ConvertStringToIntegerOrFloat<double>(config.white_noise_share);
   options.max_tilt_db = ConvertStringToIntegerOrFloat<float>(config.max_tilt_db);
   options.dropout = ConvertStringToIntegerOrFloat<float>(config.dropout);
   options.threads = config.threads;

@@ -42,6 +42,7 @@ struct TrainConfig {
   std::string hard_filler_share = "0.5";
   std::string hard_hotword_share = "0";
   std::string noise_share = "0";
+  std::string white_noise_share = "0";
   std::string max_tilt_db = "0";
   std::string dropout = "0";
   // Four units: with six, a fast speaker's shortest units lasted fewer

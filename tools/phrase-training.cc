@@ -191,6 +191,7 @@ StageKeys PhraseRun::Keys() const {
       << t.noise_min_snr_db << "," << t.noise_max_snr_db << " dropout=" << config_.dropout;
   // Only when on, so that work directories made before the knob keep their network.
   if (config_.max_tilt_db != "0") key << " tilt=" << config_.max_tilt_db;
+  if (config_.white_noise_share != "0") key << " white=" << config_.white_noise_share;
   keys.training = key.str();
   key << " | methods=" << config_.methods << " output-scales=" << config_.output_scales
       << " max-fa=" << config_.max_fa

@@ -114,8 +114,9 @@ void FeatureSet::Read(const std::string& path) {
   ExpectToken(in.Binary(), "</FeatureSet>", is);
 }
 
-Matrix ComputeWaveFeatures(const std::string& wav) {
-  std::vector<int16_t> samples = ReadWaveFile(wav);
+Matrix ComputeWaveFeatures(const std::string& wav) { return ComputeSampleFeatures(ReadWaveFile(wav)); }
+
+Matrix ComputeSampleFeatures(const std::vector<int16_t>& samples) {
   // One block for the whole file: the front end's output does not depend on
   // how the audio is chunked.
   PcmSourceStream source(static_cast<int>(std::max<size_t>(samples.size(), 1)));

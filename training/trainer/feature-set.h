@@ -9,6 +9,7 @@
 #define KESTREL_TRAINING_TRAINER_FEATURE_SET_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -46,6 +47,9 @@ class FeatureSet {
 // The front end's features of a WAV file (16 kHz mono 16-bit), every frame
 // of the file. Errors name the file.
 Matrix ComputeWaveFeatures(const std::string& wav);
+
+// The front end's features of 16 kHz 16-bit samples, every frame of them.
+Matrix ComputeSampleFeatures(const std::vector<int16_t>& samples);
 
 // Features of `clips`, in order. If `cache_path` holds features of exactly
 // these WAV files (same count, sizes and modification times) they are read

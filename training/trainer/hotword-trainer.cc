@@ -9,11 +9,13 @@
 #include <random>
 #include <sstream>
 
+#include "frontend/filterbank-stream.h"
 #include "nnet/nnet-activation.h"
 #include "nnet/nnet-add-shift.h"
 #include "nnet/nnet-affine-transform.h"
 #include "nnet/nnet-rescale.h"
 #include "nnet/nnet-splice.h"
+#include "feature-set.h"
 #include "nnet-train.h"
 #include "parallel-ranges.h"
 #include "utils/kestrel-log.h"
@@ -131,6 +133,25 @@ void Normalise(const Vector& shift, const Vector& scale, Matrix* rows) {
   }
 }
 
+// The total power of `count` log-mel values, as a log.
+float LogPower(const float* x, int count) {
+  const float peak = *std::max_element(x, x + count);
+  double sum = 0.0;
+  for (int c = 0; c < count; ++c) sum += std::exp(x[c] - peak);
+  return peak + static_cast<float>(std::log(sum));
+}
+
+// Adds `noise` to `x` (both `count` log-mel values) in the power domain,
+// scaled so that x's power is `snr_db` above the noise's.
+void MixAtSnr(const float* noise, int count, double snr_db, float* x) {
+  const float gain =
+      LogPower(x, count) - LogPower(noise, count) - static_cast<float>(snr_db * std::log(10.0) / 10.0);
+  for (int c = 0; c < count; ++c) {
+    const float a = x[c], b = noise[c] + gain;
+    x[c] = std::max(a, b) + std::log1p(std::exp(-std::fabs(a - b)));
+  }
+}
+
 // Mixes filler rows into raw (log-mel) training rows in place, as
 // HotwordTrainerOptions::noise_share describes. Each row's partner and
 // level are drawn in order from `rng`, so the result does not depend on
@@ -156,25 +177,56 @@ void MixNoiseRows(const std::vector<int32>& labels, const HotwordTrainerOptions&
     if (p != r) partner[r] = p;
   }
   const Matrix raw = *rows;  // partners are mixed from their own unmixed rows
-  // A row's total power, as a log.
-  auto energy = [&](int r) {
-    const float* x = raw.RowData(r);
-    const float peak = *std::max_element(x, x + num_cols);
-    double sum = 0.0;
-    for (int c = 0; c < num_cols; ++c) sum += std::exp(x[c] - peak);
-    return peak + static_cast<float>(std::log(sum));
-  };
   ParallelRanges(num_rows, options.threads, [&](int first, int end) {
     for (int r = first; r < end; ++r) {
       if (partner[r] < 0) continue;
-      const float gain = energy(r) - energy(partner[r]) -
-                         static_cast<float>(snr_db[r] * std::log(10.0) / 10.0);
-      float* x = rows->RowData(r);
-      const float* noise = raw.RowData(partner[r]);
-      for (int c = 0; c < num_cols; ++c) {
-        const float a = x[c], b = noise[c] + gain;
-        x[c] = std::max(a, b) + std::log1p(std::exp(-std::fabs(a - b)));
+      MixAtSnr(raw.RowData(partner[r]), num_cols, snr_db[r], rows->RowData(r));
+    }
+  });
+}
+
+// Features of white noise through the front end, enough frames that the
+// stretches drawn for the rows of an epoch seldom repeat.
+Matrix WhiteNoiseFeatures() {
+  std::mt19937 rng(4242);
+  std::normal_distribution<float> sample(0.0f, 1000.0f);
+  std::vector<int16_t> samples(16000 * 30);
+  for (int16_t& s : samples) s = static_cast<int16_t>(std::clamp(sample(rng), -32767.0f, 32767.0f));
+  return ComputeSampleFeatures(samples);
+}
+
+// Mixes stretches of `noise` (white noise features) into raw (log-mel)
+// training rows in place, as HotwordTrainerOptions::white_noise_share
+// describes: a row's context frames get consecutive noise frames, so the
+// noise has the frame-to-frame spread of the real thing. Draws are made in
+// order from `rng`, so the result does not depend on the thread count.
+void MixWhiteNoiseRows(const Splice& splice, const Matrix& noise,
+                       const HotwordTrainerOptions& options, std::mt19937* rng, Matrix* rows) {
+  if (options.white_noise_share <= 0.0) return;
+  const std::vector<int32>& offsets = splice.Offsets();
+  const int feature_dim = splice.InputDim();
+  const int num_frames = static_cast<int>(offsets.size());
+  const int reach = offsets.back() - offsets.front();
+  const int num_rows = rows->NumRows();
+  std::uniform_real_distribution<double> chance(0.0, 1.0);
+  std::uniform_int_distribution<int> start_of(0, noise.NumRows() - reach - 1);
+  std::uniform_real_distribution<double> snr_of(options.noise_min_snr_db, options.noise_max_snr_db);
+  std::vector<int> start(num_rows, -1);
+  std::vector<double> snr_db(num_rows);
+  for (int r = 0; r < num_rows; ++r) {
+    if (chance(*rng) >= options.white_noise_share) continue;
+    start[r] = start_of(*rng);
+    snr_db[r] = snr_of(*rng);
+  }
+  ParallelRanges(num_rows, options.threads, [&](int first, int end) {
+    std::vector<float> stretch(static_cast<size_t>(num_frames) * feature_dim);
+    for (int r = first; r < end; ++r) {
+      if (start[r] < 0) continue;
+      for (int k = 0; k < num_frames; ++k) {
+        const float* frame = noise.RowData(start[r] + offsets[k] - offsets.front());
+        std::copy(frame, frame + feature_dim, stretch.begin() + k * feature_dim);
       }
+      MixAtSnr(stretch.data(), static_cast<int>(stretch.size()), snr_db[r], rows->RowData(r));
     }
   });
 }
@@ -395,8 +447,14 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
     layers = InitialLayers(time_delay ? train.FeatureDim() : train.InputDim(), train.NumLabels(),
                            options, &rng);
   }
+  if (options.white_noise_share > 0.0 && train.FeatureDim() != FilterbankStream::kNumBins) {
+    KESTREL_ERR("hotword-trainer") << "white noise mixing needs the front end's "
+                                   << FilterbankStream::kNumBins << " mel bins, but the features have "
+                                   << train.FeatureDim();
+  }
   Matrix rows;
   std::vector<int32> labels;
+  const Matrix white_noise = options.white_noise_share > 0.0 ? WhiteNoiseFeatures() : Matrix();
   std::unique_ptr<NnetTrainer> trainer;
   float rate = -1.0f;
   // Mining starts once the network tells speech from silence.
@@ -465,6 +523,7 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
       size_t n = std::min(frames.size() - first, static_cast<size_t>(options.batch_size));
       train.MakeBatch(frames, first, n, &rows, &labels);
       MixNoiseRows(labels, options, &rng, &rows);
+      MixWhiteNoiseRows(train.GetSplice(), white_noise, options, &rng, &rows);
       TiltRows(train.GetSplice(), options, &rng, &rows);
       Normalise(shift, scale, &rows);
       AugmentRows(train.GetSplice(), options, &rng, &rows);

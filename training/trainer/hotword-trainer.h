@@ -71,6 +71,13 @@ struct HotwordTrainerOptions {
   double noise_share = 0.0;
   int32 noise_min_snr_db = 0;
   int32 noise_max_snr_db = 20;
+  // White noise mixed afresh each epoch, at an SNR drawn from the same range:
+  // this share of all rows, hotword and filler alike, gets a stretch of the
+  // front end's own features of white noise added in the power domain. White
+  // noise buries the bursts and fricatives that tell the units apart, and a
+  // corpus mixes it into only some clips, each once; filler rows (above) are
+  // mostly speech, not broadband noise.
+  double white_noise_share = 0.0;
   // Hard negative mining: from the first third of the epochs on, every
   // `mining_interval` epochs, the network scores a random pool of clear
   // filler frames (TrainingFrames::ClearFillerFrames) `mining_pool` times
