@@ -179,8 +179,8 @@ int RunTrain(int argc, char** argv) {
                    "curves across the mel bins; 0: none");
   parser.AddNumber("noise-share", &config.noise_share,
                    "augmentation: share of rows mixed with another row's sound, in [0, 1]; 0: none");
-  parser.AddInt("noise-min-snr", &t.noise_min_snr_db, "augmentation: lowest SNR of that mix, in dB");
-  parser.AddInt("noise-max-snr", &t.noise_max_snr_db, "augmentation: highest SNR of that mix, in dB");
+  parser.AddInt("noise-min-snr", &t.noise_min_snr_db, "augmentation: lowest SNR of the noise mixes, in dB");
+  parser.AddInt("noise-max-snr", &t.noise_max_snr_db, "augmentation: highest SNR of the noise mixes, in dB");
   parser.AddNumber("white-noise-share", &config.white_noise_share,
                    "augmentation: share of rows mixed with fresh white noise, at an SNR between "
                    "--noise-min-snr and --noise-max-snr, in [0, 1]; 0: none");
