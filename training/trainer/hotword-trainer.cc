@@ -428,6 +428,11 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
                          const HotwordTrainerOptions& options,
                          const std::function<void(const std::string&)>& progress,
                          const Nnet* start_from) {
+  if (options.white_noise_share > 0.0 && train.FeatureDim() != FilterbankStream::kNumBins) {
+    KESTREL_ERR("hotword-trainer") << "white noise mixing needs the front end's "
+                                   << FilterbankStream::kNumBins << " mel bins, but the features have "
+                                   << train.FeatureDim();
+  }
   std::mt19937 rng(options.seed);
   // The layers are trained on normalised rows, without the splice and
   // normalisation in front: the trainer then has no input gradient to
@@ -446,11 +451,6 @@ Nnet TrainHotwordNetwork(const TrainingFrames& train, const TrainingFrames* dev,
     NormalisationOf(train, &shift, &scale);
     layers = InitialLayers(time_delay ? train.FeatureDim() : train.InputDim(), train.NumLabels(),
                            options, &rng);
-  }
-  if (options.white_noise_share > 0.0 && train.FeatureDim() != FilterbankStream::kNumBins) {
-    KESTREL_ERR("hotword-trainer") << "white noise mixing needs the front end's "
-                                   << FilterbankStream::kNumBins << " mel bins, but the features have "
-                                   << train.FeatureDim();
   }
   Matrix rows;
   std::vector<int32> labels;
