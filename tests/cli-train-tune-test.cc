@@ -170,9 +170,12 @@ TEST(TrainPhraseTest, StagesResumeAfterTheLastFinishedOneAndRedoWhatWasCutShort)
   scaled_out.GetParams(b.data());
   ASSERT_EQ(a.size(), b.size());
   for (size_t i = 0; i < a.size(); ++i) EXPECT_EQ(4.0f * a[i], b[i]) << i;
-  // Training goes on from a model of the same layout; one of another is named.
-  run = RunKestrel(from_corpus + Quoted(scaled) + " --init-model " + Quoted(model));
+  // Training goes on from a model of the same layout, here in two runs that
+  // are averaged; one of another layout is named.
+  run = RunKestrel(from_corpus + Quoted(scaled) + " --runs 2 --init-model " + Quoted(model));
   EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_NE(std::string::npos, run.err.find("run 2/2: seed 2")) << run.err;
+  EXPECT_NE(std::string::npos, run.err.find("runs: the average of 2 networks' weights")) << run.err;
   run = RunKestrel(from_corpus + Quoted(scaled) + " --hidden-dim 8 --init-model " + Quoted(model));
   EXPECT_EQ(1, run.status);
   EXPECT_NE(std::string::npos,
@@ -210,6 +213,8 @@ TEST(TrainPhraseTest, RefusedPhrasesAndMissingScriptsSayWhy) {
       {"--noise-share -0.1", "--noise-share must be between 0 and 1, not -0.1"},
       {"--white-noise-share 1.2", "--white-noise-share must be between 0 and 1, not 1.2"},
       {"--dropout 1", "--dropout must be at least 0 and below 1, not 1"},
+      {"--runs 0", "--runs must be at least 1, not 0"},
+      {"--runs 2", "--runs needs --init-model"},
       {"--noise-min-snr 20 --noise-max-snr 5", "--noise-min-snr 20 is above --noise-max-snr 5"},
       {"--layer-splices '-1,0,1 -2,x'",
        "--layer-splices \"-1,0,1 -2,x\": \"x\" in \"-2,x\" is not a frame offset"},

@@ -2,18 +2,20 @@
 // gradients against numerical derivatives, the trainer's windows against the
 // streaming network, results that do not depend on the thread count, and
 // sharpened outputs. That training learns is checked end to end in
-// train-trainer-test.cc.
+// train-trainer-test.cc. Also the weight average of networks of one layout.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "nnet-backprop.h"
 #include "nnet-test-util.h"
 #include "nnet-train.h"
+#include "network-average.h"
 #include "nnet/nnet.h"
 #include "output-scale.h"
 #include "test-log-capture.h"
@@ -256,6 +258,43 @@ TEST(NnetTrainTest, OutputScaleRaisesEachPosteriorToItsPower) {
   EXPECT_EQ(KESTREL_ERROR_TEXT(ScaleOutputLogits(no_softmax, 2.0f)),
             "ScaleOutputLogits: the network does not end in an <AffineTransform> and a "
             "<Softmax>.");
+}
+
+TEST(NnetTrainTest, AverageTakesTheMeanOfEachWeightOfOneLayout) {
+  std::mt19937 rng(27);
+  const std::vector<Nnet> nets = {EveryKindNnet(&rng), EveryKindNnet(&rng), EveryKindNnet(&rng)};
+  const Nnet average = AverageNetworks(nets);
+  ASSERT_EQ(nets[0].NumComponents(), average.NumComponents());
+  for (int c = 0; c < average.NumComponents(); ++c) {
+    const int size = average.GetComponent(c).NumParams();
+    std::vector<std::vector<float>> params(4, std::vector<float>(size));
+    for (int n = 0; n < 3; ++n) nets[n].GetComponent(c).GetParams(params[n].data());
+    average.GetComponent(c).GetParams(params[3].data());
+    for (int i = 0; i < size; ++i) {
+      EXPECT_EQ((params[0][i] + params[1][i] + params[2][i]) / 3.0f, params[3][i]) << c << " " << i;
+    }
+  }
+  // A network averaged with itself is itself, splices and all.
+  std::ostringstream once, twice;
+  nets[1].Write(true, &once);
+  AverageNetworks({nets[1], nets[1]}).Write(true, &twice);
+  EXPECT_EQ(once.str(), twice.str());
+
+  // Other splice offsets of the same width, or another depth, are refused.
+  Nnet other_splice = EveryKindNnet(&rng);
+  Nnet reordered;
+  reordered.AppendComponent(std::make_unique<Splice>(2, std::vector<int32>{-1, 0, 2}));
+  for (int c = 1; c < other_splice.NumComponents(); ++c) {
+    reordered.AppendComponent(other_splice.GetComponent(c).Copy());
+  }
+  EXPECT_EQ(NetworkAverageProblem({nets[0], reordered}),
+            "network 2 differs from network 1 at component 1 (<Splice> 2 -> 6 against <Splice> "
+            "2 -> 6)");
+  Nnet shallow;
+  shallow.AppendComponent(RandomAffine(2, 3, &rng));
+  EXPECT_EQ(KESTREL_ERROR_TEXT(AverageNetworks({nets[0], nets[1], shallow})),
+            "AverageNetworks: network 3 has 1 components, network 1 has 11.");
+  EXPECT_EQ(NetworkAverageProblem({}), "no networks to average");
 }
 
 TEST(NnetTrainTest, RejectsBadLabelsAndNetworksWithoutSoftmax) {

@@ -195,6 +195,9 @@ int RunTrain(int argc, char** argv) {
   parser.AddInt("mining-pool", &t.mining_pool,
                 "mining: frames scored per hard frame kept");
   parser.AddNumber("learning-rate", &config.learning_rate, "Adam step size");
+  parser.AddInt("runs", &config.runs,
+                "with --init-model: train this many runs on from it, with seeds --seed, --seed "
+                "plus 1, ..., and keep the average of their weights");
   parser.AddInt("seed", &seed, "random seed (initial weights, sampling, and the corpus)");
   parser.AddString("methods", &config.methods, "search methods to choose from, comma-separated");
   parser.AddString("output-scales", &config.output_scales,
@@ -216,6 +219,13 @@ int RunTrain(int argc, char** argv) {
   if (config.out.empty()) return UsageError("train", "--out is required");
   if (!config.init_model.empty() && config.corpus.empty()) {
     return UsageError("train", "--init-model needs --corpus");
+  }
+  if (config.runs < 1) {
+    return UsageError("train", "--runs must be at least 1, not " + std::to_string(config.runs));
+  }
+  if (config.runs > 1 && config.init_model.empty()) {
+    return UsageError("train", "--runs needs --init-model: runs from random weights do not "
+                               "average into one network");
   }
   if (!positional.empty()) return UsageError("train", "unexpected argument \"" + positional[0] + "\"");
   t.epochs = epochs > 0 ? epochs : (phrase.quick ? kQuickEpochs : t.epochs);

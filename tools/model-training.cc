@@ -4,6 +4,7 @@
 #include <map>
 #include <sstream>
 
+#include "network-average.h"
 #include "output-scale.h"
 #include "posterior-scan.h"
 #include "training-frames.h"
@@ -86,7 +87,17 @@ Nnet TrainNetwork(const TrainConfig& config, const CorpusSplit& train, const Cor
   const HotwordModel start = HotwordModel::ReadFile(config.init_model, "train");
   const std::string problem = StartingNetworkProblem(start.nnet, train_frames, options);
   if (!problem.empty()) KESTREL_ERR("train") << config.init_model << ": " << problem;
-  return TrainHotwordNetwork(train_frames, &dev_frames, options, progress, &start.nnet);
+  if (config.runs == 1) return TrainHotwordNetwork(train_frames, &dev_frames, options, progress, &start.nnet);
+  std::vector<Nnet> runs;
+  const uint32 first_seed = options.seed;
+  for (int32 r = 0; r < config.runs; ++r) {
+    options.seed = first_seed + static_cast<uint32>(r);
+    progress("run " + std::to_string(r + 1) + "/" + std::to_string(config.runs) + ": seed " +
+             std::to_string(options.seed));
+    runs.push_back(TrainHotwordNetwork(train_frames, &dev_frames, options, progress, &start.nnet));
+  }
+  progress("runs: the average of " + std::to_string(config.runs) + " networks' weights");
+  return AverageNetworks(runs);
 }
 
 TunedSearch TuneSearch(const TrainConfig& config, const Nnet& nnet, const CorpusSplit& dev,

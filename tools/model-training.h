@@ -28,6 +28,9 @@ struct TrainConfig {
   // A model whose network training goes on from (TrainHotwordNetwork's
   // `start_from`); empty: random weights.
   std::string init_model;
+  // With init_model: runs trained on from it, with seeds seed, seed + 1, ...,
+  // whose weights are averaged (AverageNetworks) into the network tuned.
+  int32 runs = 1;
   // Stored in the model; empty: the corpus's phrase (CorpusPhrase).
   std::string hotword_name;
   // The two best on dev (naive and Viterbi; soft-floor Viterbi missed ten

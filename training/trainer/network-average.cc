@@ -1,0 +1,73 @@
+#include "network-average.h"
+
+#include <sstream>
+#include <vector>
+
+#include "nnet/nnet-component.h"
+#include "utils/kestrel-log.h"
+
+namespace kestrel {
+
+namespace {
+
+const char kLogFile[] = "network-average";
+
+// A parameter-free component's whole section (a splice's offsets), so that
+// two layouts with equal dimensions but other offsets are told apart.
+std::string SectionOf(const Component& component) {
+  std::ostringstream os;
+  component.Write(true, &os);
+  return os.str();
+}
+
+}  // namespace
+
+std::string NetworkAverageProblem(const std::vector<Nnet>& nets) {
+  if (nets.empty()) return "no networks to average";
+  const Nnet& first = nets[0];
+  for (size_t n = 1; n < nets.size(); ++n) {
+    if (nets[n].NumComponents() != first.NumComponents()) {
+      std::ostringstream problem;
+      problem << "network " << n + 1 << " has " << nets[n].NumComponents()
+              << " components, network 1 has " << first.NumComponents();
+      return problem.str();
+    }
+    for (int c = 0; c < first.NumComponents(); ++c) {
+      const Component& a = first.GetComponent(c);
+      const Component& b = nets[n].GetComponent(c);
+      const bool same = std::string(a.Token()) == b.Token() && a.InputDim() == b.InputDim() &&
+                        a.OutputDim() == b.OutputDim() && a.NumParams() == b.NumParams() &&
+                        (a.NumParams() > 0 || SectionOf(a) == SectionOf(b));
+      if (!same) {
+        std::ostringstream problem;
+        problem << "network " << n + 1 << " differs from network 1 at component " << c + 1 << " ("
+                << b.Token() << " " << b.InputDim() << " -> " << b.OutputDim() << " against "
+                << a.Token() << " " << a.InputDim() << " -> " << a.OutputDim() << ")";
+        return problem.str();
+      }
+    }
+  }
+  return "";
+}
+
+Nnet AverageNetworks(const std::vector<Nnet>& nets) {
+  const std::string problem = NetworkAverageProblem(nets);
+  if (!problem.empty()) KESTREL_ERR(kLogFile) << "AverageNetworks: " << problem << ".";
+  Nnet average(nets[0]);
+  const float count = static_cast<float>(nets.size());
+  for (int c = 0; c < average.NumComponents(); ++c) {
+    Component& component = average.GetComponent(c);
+    const int size = component.NumParams();
+    if (size == 0) continue;
+    std::vector<float> sum(size, 0.0f), params(size);
+    for (const Nnet& net : nets) {
+      net.GetComponent(c).GetParams(params.data());
+      for (int i = 0; i < size; ++i) sum[i] += params[i];
+    }
+    for (float& s : sum) s /= count;
+    component.SetParams(sum.data());
+  }
+  return average;
+}
+
+}  // namespace kestrel
