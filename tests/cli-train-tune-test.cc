@@ -268,14 +268,14 @@ TEST_F(TuneCommandTest, SweepsFindsTheSampleAndWritesOnlyTheSensitivity) {
   const std::vector<std::string> lines = run.OutLines();
   ASSERT_EQ(12u, lines.size()) << run.out;
   EXPECT_EQ("sensitivity  misses  false alarms  per hour", lines[0]);
-  // Least sensitive first; the bundled model finds the sample from 0.3 up.
-  EXPECT_NE(std::string::npos, lines[2].find("0.20     2/2 ")) << lines[2];
-  EXPECT_NE(std::string::npos, lines[3].find("0.30     1/2 ")) << lines[3];
+  // Least sensitive first; the bundled model finds the sample from 0.2 up.
+  EXPECT_NE(std::string::npos, lines[1].find("0.10     2/2 ")) << lines[1];
+  EXPECT_NE(std::string::npos, lines[2].find("0.20     1/2 ")) << lines[2];
   EXPECT_NE(std::string::npos, lines[9].find("0.90     1/2 ")) << lines[9];
   EXPECT_EQ("on 2 recordings of the phrase and 0.050 h of background audio", lines[10]);
   // Nothing fires on the background up to 0.9, but minutes of it cannot
   // vouch for more than the model's own sensitivity (0.419).
-  EXPECT_EQ("recommended sensitivity: 0.40 (sensitivities 0.3 to 0.9 miss the fewest recordings "
+  EXPECT_EQ("recommended sensitivity: 0.40 (sensitivities 0.2 to 0.9 miss the fewest recordings "
             "(1) with false alarms within 1 per hour; the most sensitive of them at or below the "
             "model's own 0.419)",
             lines[11]);
