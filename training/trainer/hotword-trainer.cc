@@ -15,6 +15,7 @@
 #include "nnet/nnet-affine-transform.h"
 #include "nnet/nnet-rescale.h"
 #include "nnet/nnet-splice.h"
+#include "component-layout.h"
 #include "feature-set.h"
 #include "nnet-train.h"
 #include "parallel-ranges.h"
@@ -70,18 +71,6 @@ Nnet InitialLayers(int input_dim, int num_outputs, const HotwordTrainerOptions& 
   nnet.AppendComponent(RandomAffine(in, num_outputs, false, rng));
   nnet.AppendComponent(std::make_unique<Softmax>(num_outputs));
   return nnet;
-}
-
-// A component as error messages name it: its token, dimensions and, for a
-// splice, its offsets.
-std::string Describe(const Component& c) {
-  std::ostringstream text;
-  text << c.Token() << " " << c.OutputDim() << " x " << c.InputDim();
-  if (const auto* splice = dynamic_cast<const Splice*>(&c)) {
-    text << " at";
-    for (int32 offset : splice->Offsets()) text << " " << offset;
-  }
-  return text.str();
 }
 
 // The whole network these options build on `train`'s rows, with no weights
@@ -414,8 +403,8 @@ std::string StartingNetworkProblem(const Nnet& start, const TrainingFrames& trai
                                    const HotwordTrainerOptions& options) {
   const Nnet expected = ExpectedNetwork(train, options);
   for (int i = 0; i < std::max(start.NumComponents(), expected.NumComponents()); ++i) {
-    const std::string want = i < expected.NumComponents() ? Describe(expected.GetComponent(i)) : "nothing";
-    const std::string got = i < start.NumComponents() ? Describe(start.GetComponent(i)) : "nothing";
+    const std::string want = i < expected.NumComponents() ? ComponentLayout(expected.GetComponent(i)) : "nothing";
+    const std::string got = i < start.NumComponents() ? ComponentLayout(start.GetComponent(i)) : "nothing";
     if (want != got) {
       return "the network to start from has " + got + " as component " + std::to_string(i + 1) +
              ", where these options make " + want;

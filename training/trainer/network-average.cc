@@ -3,23 +3,14 @@
 #include <sstream>
 #include <vector>
 
+#include "component-layout.h"
 #include "nnet/nnet-component.h"
 #include "utils/kestrel-log.h"
 
 namespace kestrel {
 
 namespace {
-
 const char kLogFile[] = "network-average";
-
-// A parameter-free component's whole section (a splice's offsets), so that
-// two layouts with equal dimensions but other offsets are told apart.
-std::string SectionOf(const Component& component) {
-  std::ostringstream os;
-  component.Write(true, &os);
-  return os.str();
-}
-
 }  // namespace
 
 std::string NetworkAverageProblem(const std::vector<Nnet>& nets) {
@@ -35,10 +26,7 @@ std::string NetworkAverageProblem(const std::vector<Nnet>& nets) {
     for (int c = 0; c < first.NumComponents(); ++c) {
       const Component& a = first.GetComponent(c);
       const Component& b = nets[n].GetComponent(c);
-      const bool same = std::string(a.Token()) == b.Token() && a.InputDim() == b.InputDim() &&
-                        a.OutputDim() == b.OutputDim() && a.NumParams() == b.NumParams() &&
-                        (a.NumParams() > 0 || SectionOf(a) == SectionOf(b));
-      if (!same) {
+      if (ComponentLayout(a) != ComponentLayout(b)) {
         std::ostringstream problem;
         problem << "network " << n + 1 << " differs from network 1 at component " << c + 1 << " ("
                 << b.Token() << " " << b.InputDim() << " -> " << b.OutputDim() << " against "
