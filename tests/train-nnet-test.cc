@@ -288,8 +288,8 @@ TEST(NnetTrainTest, AverageTakesTheMeanOfEachWeightOfOneLayout) {
     reordered.AppendComponent(other_splice.GetComponent(c).Copy());
   }
   EXPECT_EQ(NetworkAverageProblem({nets[0], reordered}),
-            "network 2 differs from network 1 at component 1 (<Splice> 2 -> 6 against <Splice> "
-            "2 -> 6)");
+            "network 2 differs from network 1 at component 1 (<Splice> 6 x 2 at -1 0 2 against "
+            "<Splice> 6 x 2 at -2 0 1)");
   Nnet shallow;
   shallow.AppendComponent(RandomAffine(2, 3, &rng));
   EXPECT_EQ(KESTREL_ERROR_TEXT(AverageNetworks({nets[0], nets[1], shallow})),

@@ -24,14 +24,11 @@ std::string NetworkAverageProblem(const std::vector<Nnet>& nets) {
       return problem.str();
     }
     for (int c = 0; c < first.NumComponents(); ++c) {
-      const Component& a = first.GetComponent(c);
-      const Component& b = nets[n].GetComponent(c);
-      if (ComponentLayout(a) != ComponentLayout(b)) {
-        std::ostringstream problem;
-        problem << "network " << n + 1 << " differs from network 1 at component " << c + 1 << " ("
-                << b.Token() << " " << b.InputDim() << " -> " << b.OutputDim() << " against "
-                << a.Token() << " " << a.InputDim() << " -> " << a.OutputDim() << ")";
-        return problem.str();
+      const std::string want = ComponentLayout(first.GetComponent(c));
+      const std::string got = ComponentLayout(nets[n].GetComponent(c));
+      if (got != want) {
+        return "network " + std::to_string(n + 1) + " differs from network 1 at component " +
+               std::to_string(c + 1) + " (" + got + " against " + want + ")";
       }
     }
   }

@@ -19,8 +19,8 @@
 namespace kestrel {
 
 // Why `nets` cannot be averaged (none given, or two that differ in a
-// component's kind, dimensions or number of parameters, named by position
-// and token), or "" when they can.
+// component's layout, named by position with both layouts), or "" when they
+// can.
 std::string NetworkAverageProblem(const std::vector<Nnet>& nets);
 
 // A copy of the first network whose parameters are the mean of all the
